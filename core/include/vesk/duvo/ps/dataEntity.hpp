@@ -1,0 +1,34 @@
+#pragma once
+#include <memory>
+
+namespace vesk::duvo::ps {
+
+/// Root of every sample class.
+class DataEntityBase {
+public:
+    virtual ~DataEntityBase();
+};
+
+/// A sample of type T, as the application sees it.
+template <class T>
+class DataEntity : public virtual DataEntityBase {
+public:
+    ~DataEntity() override = default;
+    virtual std::unique_ptr<T> clone() const = 0;
+    /// True when both samples belong to the same instance (equal key fields).
+    virtual bool keyEquals(const T& other) const = 0;
+    /// A new sample holding only this sample's key fields.
+    virtual std::unique_ptr<T> cloneKey() const = 0;
+    virtual bool hasKey() const = 0;
+};
+
+/// A sample lent to the application by a reader.
+template <class T>
+class LoanedDataEntity {
+public:
+    virtual ~LoanedDataEntity() = default;
+    virtual std::shared_ptr<T> getData() const = 0;
+    virtual void close() = 0;
+};
+
+} // namespace vesk::duvo::ps

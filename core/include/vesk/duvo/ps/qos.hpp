@@ -1,0 +1,32 @@
+#pragma once
+#include <chrono>
+
+namespace vesk::duvo::ps::qos {
+
+/// A quality-of-service setting of a publish/subscribe entity.
+class QoS {
+public:
+    virtual ~QoS();
+};
+
+/// Samples whose source time lies more than this before their reception are discarded.
+class Latency : public QoS {
+public:
+    explicit Latency(std::chrono::milliseconds value) noexcept : value_(value) {}
+    std::chrono::milliseconds getValue() const noexcept { return value_; }
+
+private:
+    std::chrono::milliseconds value_;
+};
+
+/// Samples older than this are discarded on arrival and purged from queues.
+class Deadline : public QoS {
+public:
+    explicit Deadline(std::chrono::milliseconds value) noexcept : value_(value) {}
+    std::chrono::milliseconds getValue() const noexcept { return value_; }
+
+private:
+    std::chrono::milliseconds value_;
+};
+
+} // namespace vesk::duvo::ps::qos

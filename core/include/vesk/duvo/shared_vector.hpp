@@ -1,0 +1,235 @@
+#pragma once
+#include <algorithm>
+#include <cstddef>
+#include <initializer_list>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+#include <type_traits>
+#include <utility>
+
+namespace vesk::duvo {
+
+namespace detail {
+
+/// Releases an element buffer made with new[].
+template <class E>
+struct default_array_deleter {
+    void operator()(E* p) const noexcept { delete[] p; }
+};
+
+/// The four fields shared by the frozen and the thawed vector. Copying copies the fields
+/// and raises the buffer's reference count; elements are never copied by a copy.
+template <class E>
+class shared_vector_base {
+public:
+    using element_type = E;
+    using size_type = std::size_t;
+
+    size_type size() const noexcept { return size_; }
+    size_type capacity() const noexcept { return capacity_; }
+    size_type offset() const noexcept { return offset_; }
+    bool empty() const noexcept { return size_ == 0; }
+    /// Number of vectors sharing the buffer (0 without a buffer).
+    long use_count() const noexcept { return buffer_.use_count(); }
+    bool unique() const noexcept { return buffer_.use_count() == 1; }
+    const std::shared_ptr<E>& buffer() const noexcept { return buffer_; }
+
+protected:
+    shared_vector_base() = default;
+    shared_vector_base(std::shared_ptr<E> buffer, size_type offset, size_type size, size_type capacity) noexcept
+        : buffer_(std::move(buffer)), offset_(offset), size_(size), capacity_(capacity) {}
+    shared_vector_base(const shared_vector_base&) = default;
+    shared_vector_base& operator=(const shared_vector_base&) = default;
+    shared_vector_base(shared_vector_base&& o) noexcept
+        : buffer_(std::move(o.buffer_)), offset_(o.offset_), size_(o.size_), capacity_(o.capacity_) {
+        o.offset_ = o.size_ = o.capacity_ = 0;
+    }
+    shared_vector_base& operator=(shared_vector_base&& o) noexcept {
+        if (this != &o) {
+            buffer_ = std::move(o.buffer_);
+            offset_ = o.offset_;
+            size_ = o.size_;
+            capacity_ = o.capacity_;
+            o.offset_ = o.size_ = o.capacity_ = 0;
+        }
+        return *this;
+    }
+
+    E* begin_ptr() const noexcept { return buffer_ ? buffer_.get() + offset_ : nullptr; }
+
+    static std::shared_ptr<E> allocate(size_type n) {
+        if (n > std::size_t(-1) / sizeof(E)) throw std::bad_array_new_length();
+        return std::shared_ptr<E>(new E[n](), default_array_deleter<E>());
+    }
+
+    void swap_base(shared_vector_base& o) noexcept {
+        buffer_.swap(o.buffer_);
+        std::swap(offset_, o.offset_);
+        std::swap(size_, o.size_);
+        std::swap(capacity_, o.capacity_);
+    }
+
+    std::shared_ptr<E> buffer_;
+    size_type offset_ = 0;
+    size_type size_ = 0;
+    size_type capacity_ = 0;
+};
+
+} // namespace detail
+
+template <class E>
+class shared_vector;
+
+/// A reference-counted, copy-on-write array of E, mutable (thawed). It is filled here and
+/// then frozen into a shared_vector<const E>, which is what samples and calls exchange.
+template <class E>
+class shared_vector : public detail::shared_vector_base<E> {
+    using base = detail::shared_vector_base<E>;
+    template <class>
+    friend class shared_vector;
+
+public:
+    using value_type = E;
+    using size_type = std::size_t;
+    using iterator = E*;
+    using const_iterator = const E*;
+
+    shared_vector() = default;
+    explicit shared_vector(size_type n, const E& value = E())
+        : base(n ? base::allocate(n) : nullptr, 0, n, n) {
+        std::fill_n(data(), n, value);
+    }
+    shared_vector(std::initializer_list<E> init) : shared_vector(init.begin(), init.end()) {}
+    template <class It, class = typename std::iterator_traits<It>::iterator_category>
+    shared_vector(It first, It last) {
+        const auto n = static_cast<size_type>(std::distance(first, last));
+        if (n) {
+            this->buffer_ = base::allocate(n);
+            this->size_ = this->capacity_ = n;
+            std::copy(first, last, data());
+        }
+    }
+
+    E* data() const noexcept { return this->begin_ptr(); }
+    E* begin() const noexcept { return data(); }
+    E* end() const noexcept { return data() + this->size_; }
+    E& operator[](size_type i) const noexcept { return data()[i]; }
+    E& at(size_type i) const {
+        if (i >= this->size_) throw std::out_of_range("shared_vector::at");
+        return data()[i];
+    }
+
+    /// Makes this vector the only owner of its elements (copies them when shared).
+    void make_unique() {
+        if (this->buffer_ && !this->unique()) {
+            auto fresh = base::allocate(this->capacity_);
+            std::copy(begin(), end(), fresh.get());
+            this->buffer_ = std::move(fresh);
+            this->offset_ = 0;
+        }
+    }
+
+    void reserve(size_type n) {
+        if (n > this->capacity_ - this->offset_ || !this->unique()) reallocate(std::max(n, this->size_));
+    }
+
+    /// Resizes to n; keeps the buffer when it is owned alone and large enough.
+    void resize(size_type n) {
+        if (n == this->size_) return;
+        if (!this->buffer_ || !this->unique() || this->capacity_ - this->offset_ < n)
+            reallocate(std::max(this->capacity_, n));
+        if (n > this->size_) std::fill(data() + this->size_, data() + n, E());
+        this->size_ = n;
+    }
+
+    void push_back(const E& v) {
+        if (!this->buffer_ || !this->unique() || this->size_ == this->capacity_ - this->offset_)
+            reallocate(std::max<size_type>(this->size_ ? this->size_ * 2 : 4, this->size_ + 1));
+        data()[this->size_++] = v;
+    }
+
+    void clear() noexcept { *this = shared_vector(); }
+    void swap(shared_vector& o) noexcept { this->swap_base(o); }
+
+    /// Adopts the fields of an existing buffer (no element is copied).
+    shared_vector(std::shared_ptr<E> b, size_type off, size_type n, size_type cap) noexcept
+        : base(std::move(b), off, n, cap) {}
+
+private:
+    void reallocate(size_type cap) {
+        auto fresh = base::allocate(cap);
+        if (this->size_) std::copy(begin(), end(), fresh.get());
+        this->buffer_ = std::move(fresh);
+        this->offset_ = 0;
+        this->capacity_ = cap;
+    }
+};
+
+/// The frozen, shareable form: copies share the buffer and nobody can change the elements.
+template <class E>
+class shared_vector<const E> : public detail::shared_vector_base<E> {
+    using base = detail::shared_vector_base<E>;
+    template <class>
+    friend class shared_vector;
+
+public:
+    using value_type = E;
+    using size_type = std::size_t;
+    using iterator = const E*;
+    using const_iterator = const E*;
+
+    shared_vector() = default;
+    /// Builds a new buffer holding a copy of the given elements.
+    shared_vector(std::initializer_list<E> init) : shared_vector(shared_vector<E>(init)) {}
+    template <class It, class = typename std::iterator_traits<It>::iterator_category>
+    shared_vector(It first, It last) : shared_vector(shared_vector<E>(first, last)) {}
+    /// Adopts the fields of an existing buffer (no element is copied).
+    shared_vector(std::shared_ptr<E> buffer, size_type offset, size_type size, size_type capacity) noexcept
+        : base(std::move(buffer), offset, size, capacity) {}
+    /// Freezes a thawed vector; it must own its buffer alone.
+    shared_vector(shared_vector<E>&& thawed) : base(unique_or_throw(std::move(thawed))) {}
+
+    const E* data() const noexcept { return this->begin_ptr(); }
+    const E* begin() const noexcept { return data(); }
+    const E* end() const noexcept { return data() + this->size_; }
+    const E& operator[](size_type i) const noexcept { return data()[i]; }
+    const E& at(size_type i) const {
+        if (i >= this->size_) throw std::out_of_range("shared_vector::at");
+        return data()[i];
+    }
+    const E& front() const noexcept { return data()[0]; }
+    const E& back() const noexcept { return data()[this->size_ - 1]; }
+
+    void clear() noexcept { *this = shared_vector(); }
+    void swap(shared_vector& o) noexcept { this->swap_base(o); }
+
+private:
+    static shared_vector<E>&& unique_or_throw(shared_vector<E>&& v) {
+        if (v.buffer() && !v.unique()) throw std::runtime_error("Can't freeze non-unique vector");
+        return std::move(v);
+    }
+
+public:
+    friend bool operator==(const shared_vector& a, const shared_vector& b) {
+        return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin());
+    }
+    friend bool operator!=(const shared_vector& a, const shared_vector& b) { return !(a == b); }
+};
+
+/// Freezes a thawed vector (throws "Can't freeze non-unique vector" when it is shared).
+template <class E>
+shared_vector<const E> freeze(shared_vector<E>&& v) {
+    return shared_vector<const E>(std::move(v));
+}
+
+/// Thaws a frozen vector: reuses its buffer when this was the last holder, copies otherwise.
+template <class E>
+shared_vector<E> thaw(shared_vector<const E>&& v) {
+    shared_vector<E> out(v.buffer(), v.offset(), v.size(), v.capacity());
+    v.clear();
+    out.make_unique();
+    return out;
+}
+
+} // namespace vesk::duvo

@@ -1,0 +1,146 @@
+#pragma once
+// The m2Types module: the abstract classes of its 24 data structures and the interface
+// classes of its 23 request/reply interfaces, all derived from the catalogues.
+#include <cstddef>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <boost/thread/future.hpp>
+
+#include <m2Types/catalogue.hpp>
+#include <m2Types/preprocessor.hpp>
+#include <vesk/duvo/ps/dataEntity.hpp>
+#include <vesk/duvo/rr/rrEntity.hpp>
+#include <vesk/duvo/shared_vector.hpp>
+
+namespace m2Types {
+
+/// Field shapes of the data catalogue.
+template <class E>
+struct Scalar {
+    using element_type = E;
+    using value_type = E;
+    static constexpr bool isVector = false;
+};
+
+template <class E>
+struct Vector {
+    using element_type = E;
+    using value_type = vesk::duvo::shared_vector<const E>;
+    static constexpr bool isVector = true;
+};
+
+template <>
+struct Vector<std::string> {
+    using element_type = std::string;
+    using value_type = std::vector<std::string>;
+    static constexpr bool isVector = true;
+};
+
+namespace detail {
+
+/// How a value is passed to a setter or a method: arithmetic types by value, the rest by
+/// const reference.
+template <class V>
+using param_t = std::conditional_t<std::is_arithmetic_v<V>, V, const V&>;
+
+/// Numeric vectors can also swap their buffer with the application's.
+template <class Field>
+inline constexpr bool swappable_v = Field::isVector && std::is_arithmetic_v<typename Field::element_type>;
+
+/// The accessors of the one field, value0.
+template <class Self, class Field, bool Swappable = swappable_v<Field>>
+class Value0 : public virtual vesk::duvo::ps::DataEntity<Self> {
+public:
+    using field_type = Field;
+    using value_type = typename Field::value_type;
+
+    virtual value_type getValue0() const = 0;
+    virtual void setValue0(param_t<value_type> value) = 0;
+};
+
+template <class Self, class Field>
+class Value0<Self, Field, true> : public virtual vesk::duvo::ps::DataEntity<Self> {
+public:
+    using field_type = Field;
+    using value_type = typename Field::value_type;
+
+    virtual value_type getValue0() const = 0;
+    virtual void setValue0(param_t<value_type> value) = 0;
+    virtual void swapValue0(value_type& value) = 0;
+};
+
+} // namespace detail
+
+#define M2TYPES_DECLARE_TYPE(Name, Shape, Element, Nominal)                    \
+    class Name : public detail::Value0<Name, Shape<Element>> {                 \
+    public:                                                                    \
+        static constexpr const char* typeName = #Name;                         \
+        static constexpr std::size_t nominalLength = Nominal;                  \
+        ~Name() override;                                                      \
+    };
+M2TYPES_DATA_CATALOGUE(M2TYPES_DECLARE_TYPE)
+#undef M2TYPES_DECLARE_TYPE
+
+// For each interface: the synchronous method set <I>, the asynchronous one Async<I>, and the
+// client interfaces <I>Sync and <I>Async.
+#define M2TYPES_DECLARE_INTERFACE(Iface, Method, ...)                                              \
+    class Iface : public virtual vesk::duvo::rr::RrEntity {                                        \
+    public:                                                                                        \
+        static constexpr const char* interfaceName = #Iface;                                       \
+        static constexpr const char* methodName = "RPC_" #Method;                                  \
+        ~Iface() override;                                                                         \
+        virtual bool RPC_##Method(M2TYPES_PARAMS(__VA_ARGS__)) = 0;                                \
+    };                                                                                             \
+    class Async##Iface : public virtual vesk::duvo::rr::RrEntity {                                 \
+    public:                                                                                        \
+        ~Async##Iface() override;                                                                  \
+        virtual boost::future<bool> RPC_##Method(M2TYPES_PARAMS(__VA_ARGS__)) = 0;                 \
+    };                                                                                             \
+    class Iface##Sync : public virtual Iface, public virtual vesk::duvo::rr::ClientRrEntity {       \
+    public:                                                                                        \
+        ~Iface##Sync() override;                                                                   \
+    };                                                                                             \
+    class Iface##Async : public virtual Async##Iface, public virtual vesk::duvo::rr::ClientRrEntity { \
+    public:                                                                                        \
+        ~Iface##Async() override;                                                                  \
+    };
+M2TYPES_INTERFACE_CATALOGUE(M2TYPES_DECLARE_INTERFACE)
+#undef M2TYPES_DECLARE_INTERFACE
+
+/// A list of types, for code that runs over a whole catalogue.
+template <class... Ts>
+struct TypeList {
+    static constexpr std::size_t size = sizeof...(Ts);
+};
+
+namespace detail {
+template <class Acc, class... Ts>
+struct DropLast;
+template <class... Acc, class Last>
+struct DropLast<TypeList<Acc...>, Last> {
+    using type = TypeList<Acc...>;
+};
+template <class... Acc, class Head, class Next, class... Rest>
+struct DropLast<TypeList<Acc...>, Head, Next, Rest...> : DropLast<TypeList<Acc..., Head>, Next, Rest...> {};
+} // namespace detail
+
+/// Rebinds a TypeList's types to another variadic template (for example a test's type list).
+template <template <class...> class To, class List>
+struct Rebind;
+template <template <class...> class To, class... Ts>
+struct Rebind<To, TypeList<Ts...>> {
+    using type = To<Ts...>;
+};
+template <template <class...> class To, class List>
+using rebind_t = typename Rebind<To, List>::type;
+
+#define M2TYPES_LIST_ENTRY(Name, ...) Name,
+/// The 24 data structures, in catalogue order.
+using DataTypes = detail::DropLast<TypeList<>, M2TYPES_DATA_CATALOGUE(M2TYPES_LIST_ENTRY) void>::type;
+/// The 23 interfaces (their synchronous method sets), in catalogue order.
+using Interfaces = detail::DropLast<TypeList<>, M2TYPES_INTERFACE_CATALOGUE(M2TYPES_LIST_ENTRY) void>::type;
+#undef M2TYPES_LIST_ENTRY
+
+} // namespace m2Types

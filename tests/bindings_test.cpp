@@ -1,0 +1,247 @@
+// Every m2Types sample class: its defaults, its OPC UA representation, a round trip through
+// open62541's binary encoding, and the refusal of values of the wrong type.
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <open62541/types.h>
+
+#include <generated/opcua/m2Types/m2Types.hpp>
+
+#include "support/sampleValues.hpp"
+
+namespace {
+
+using vesk::duvo::opcua::detail::binding::BindingOf_t;
+using vesk::duvo::opcua::detail::binding::UaTypeOf;
+
+/// A UA_DataValue that open62541 owns, freed at scope exit.
+struct OwnedDataValue {
+    UA_DataValue value;
+    OwnedDataValue() { UA_DataValue_init(&value); }
+    ~OwnedDataValue() { UA_DataValue_clear(&value); }
+    OwnedDataValue(const OwnedDataValue&) = delete;
+    OwnedDataValue& operator=(const OwnedDataValue&) = delete;
+};
+
+/// Encodes a data value with open62541 and decodes it again, as the wire would.
+void throughTheWire(const UA_DataValue& in, OwnedDataValue& out) {
+    UA_ByteString bytes;
+    UA_ByteString_init(&bytes);
+    ASSERT_EQ(UA_encodeBinary(&in, &UA_TYPES[UA_TYPES_DATAVALUE], &bytes), UA_STATUSCODE_GOOD);
+    ASSERT_EQ(UA_decodeBinary(&bytes, &out.value, &UA_TYPES[UA_TYPES_DATAVALUE], nullptr), UA_STATUSCODE_GOOD);
+    UA_ByteString_clear(&bytes);
+}
+
+template <class V>
+void expectSameValue(const V& a, const V& b) {
+    if constexpr (std::is_floating_point_v<V>)
+        EXPECT_EQ(std::memcmp(&a, &b, sizeof a), 0);
+    else
+        EXPECT_TRUE(a == b);
+}
+
+template <class T>
+class SampleBindingTest : public ::testing::Test {
+protected:
+    using ST = BindingOf_t<T>;
+    using Field = typename T::field_type;
+    using E = typename Field::element_type;
+};
+
+using AllTypes = m2Types::rebind_t<::testing::Types, m2Types::DataTypes>;
+TYPED_TEST_SUITE(SampleBindingTest, AllTypes, duvo::test::TypeNames);
+
+TYPED_TEST(SampleBindingTest, default_sample_is_zero_keyless_and_one_value) {
+    using ST = typename TestFixture::ST;
+    ST sample;
+    EXPECT_EQ(sample.getDataValueCount(), 1u);
+    EXPECT_FALSE(sample.hasKey());
+    EXPECT_FALSE(sample.keyEquals(ST()));
+    expectSameValue(sample.getValue0(), typename TypeParam::value_type{});
+    std::unique_ptr<TypeParam> key = sample.cloneKey();
+    EXPECT_NE(dynamic_cast<ST*>(key.get()), nullptr);
+    EXPECT_EQ(std::string(ST::context), std::string("::m2Types::") + TypeParam::typeName + ".value0");
+}
+
+TYPED_TEST(SampleBindingTest, value_has_the_catalogue_type_and_shape) {
+    using ST = typename TestFixture::ST;
+    using Field = typename TestFixture::Field;
+    ST sample;
+    sample.setValue0(duvo::test::makeValue<TypeParam>(5));
+    const UA_DataValue* dv = sample.getOpcUaDataValues();
+    EXPECT_TRUE(dv->hasValue);
+    EXPECT_FALSE(dv->hasSourceTimestamp || dv->hasServerTimestamp || dv->hasStatus || dv->hasSourcePicoseconds);
+    EXPECT_EQ(dv->value.type, UaTypeOf<typename TestFixture::E>::type());
+    EXPECT_EQ(dv->value.storageType, UA_VARIANT_DATA_NODELETE);
+    EXPECT_EQ(dv->value.arrayDimensionsSize, 0u);
+    if constexpr (Field::isVector)
+        EXPECT_EQ(dv->value.arrayLength, TypeParam::nominalLength);
+    else
+        EXPECT_TRUE(UA_Variant_isScalar(&dv->value));
+}
+
+TYPED_TEST(SampleBindingTest, round_trip_through_binary_encoding) {
+    using ST = typename TestFixture::ST;
+    ST source;
+    source.setValue0(duvo::test::makeValue<TypeParam>(7));
+    OwnedDataValue wire;
+    throughTheWire(*source.getOpcUaDataValues(), wire);
+    ST target;
+    target.setOpcUaDataValues(&wire.value);
+    expectSameValue(target.getValue0(), source.getValue0());
+}
+
+TYPED_TEST(SampleBindingTest, vectors_carry_any_length_and_empty_is_the_sentinel) {
+    using ST = typename TestFixture::ST;
+    if constexpr (TestFixture::Field::isVector) {
+        for (std::size_t length : {std::size_t(0), std::size_t(1), TypeParam::nominalLength + 38}) {
+            SCOPED_TRACE(length);
+            ST source;
+            source.setValue0(duvo::test::makeValue<TypeParam>(3, length));
+            const UA_DataValue* dv = source.getOpcUaDataValues();
+            EXPECT_EQ(dv->value.arrayLength, length);
+            if (length == 0) {
+                EXPECT_EQ(dv->value.data, UA_EMPTY_ARRAY_SENTINEL);
+            }
+            OwnedDataValue wire;
+            throughTheWire(*dv, wire);
+            ST target;
+            target.setValue0(duvo::test::makeValue<TypeParam>(9, 4)); // a previous value to replace
+            target.setOpcUaDataValues(&wire.value);
+            expectSameValue(target.getValue0(), source.getValue0());
+        }
+    } else {
+        GTEST_SKIP() << "scalar type";
+    }
+}
+
+TYPED_TEST(SampleBindingTest, wrong_type_is_refused_and_value_kept) {
+    using ST = typename TestFixture::ST;
+    ST sample;
+    const auto before = duvo::test::makeValue<TypeParam>(11);
+    sample.setValue0(before);
+
+    // A value of another type: Int32 for everything but Int32, where Double is used.
+    const bool isInt32 = std::is_same_v<typename TestFixture::E, int>;
+    UA_Int32 i = 42;
+    UA_Double d = 4.2;
+    OwnedDataValue wrong;
+    if (isInt32)
+        UA_Variant_setScalarCopy(&wrong.value.value, &d, &UA_TYPES[UA_TYPES_DOUBLE]);
+    else
+        UA_Variant_setScalarCopy(&wrong.value.value, &i, &UA_TYPES[UA_TYPES_INT32]);
+    wrong.value.hasValue = true;
+    try {
+        sample.setOpcUaDataValues(&wrong.value);
+        FAIL() << "no exception";
+    } catch (const vesk::duvo::DuvoException& e) {
+        const std::string expected = std::string(ST::context) + ": expected " +
+                                     UaTypeOf<typename TestFixture::E>::type()->typeName + ", received " +
+                                     (isInt32 ? "Double" : "Int32");
+        EXPECT_EQ(e.what(), expected);
+    }
+    expectSameValue(sample.getValue0(), before);
+
+    OwnedDataValue missing;
+    try {
+        sample.setOpcUaDataValues(&missing.value);
+        FAIL() << "no exception";
+    } catch (const vesk::duvo::DuvoException& e) {
+        EXPECT_NE(std::string(e.what()).find("received no value"), std::string::npos) << e.what();
+    }
+    expectSameValue(sample.getValue0(), before);
+}
+
+TYPED_TEST(SampleBindingTest, clone_and_copy_hold_the_value) {
+    using ST = typename TestFixture::ST;
+    ST source;
+    source.setValue0(duvo::test::makeValue<TypeParam>(13));
+    std::unique_ptr<TypeParam> clone = source.clone();
+    ASSERT_NE(dynamic_cast<ST*>(clone.get()), nullptr);
+    expectSameValue(clone->getValue0(), source.getValue0());
+
+    ST copy;
+    copy.copy(*clone);
+    expectSameValue(copy.getValue0(), source.getValue0());
+    // The clone's own representation is rebuilt from its own storage.
+    OwnedDataValue wire;
+    throughTheWire(*dynamic_cast<ST*>(clone.get())->getOpcUaDataValues(), wire);
+    ST target;
+    target.setOpcUaDataValues(&wire.value);
+    expectSameValue(target.getValue0(), source.getValue0());
+}
+
+// Shapes that need more than the catalogue gives.
+
+TEST(ScalarBinding, takes_the_first_element_of_an_array_and_refuses_an_empty_one) {
+    generated::opcua::m2Types::M2Int32Value0 sample;
+    sample.setValue0(-3);
+    UA_Int32 values[] = {17, 18};
+    UA_DataValue dv;
+    UA_DataValue_init(&dv);
+    UA_Variant_setArray(&dv.value, values, 2, &UA_TYPES[UA_TYPES_INT32]);
+    sample.setOpcUaDataValues(&dv);
+    EXPECT_EQ(sample.getValue0(), 17);
+
+    UA_Variant_setArray(&dv.value, UA_EMPTY_ARRAY_SENTINEL, 0, &UA_TYPES[UA_TYPES_INT32]);
+    EXPECT_THROW(sample.setOpcUaDataValues(&dv), vesk::duvo::DuvoException);
+    EXPECT_EQ(sample.getValue0(), 17);
+}
+
+TEST(StringBinding, null_characters_with_a_length_are_refused) {
+    generated::opcua::m2Types::M2StringValue0 sample;
+    sample.setValue0("kept");
+    UA_String broken{3, nullptr};
+    UA_DataValue dv;
+    UA_DataValue_init(&dv);
+    UA_Variant_setScalar(&dv.value, &broken, &UA_TYPES[UA_TYPES_STRING]);
+    try {
+        sample.setOpcUaDataValues(&dv);
+        FAIL() << "no exception";
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), "basic_string: construction from null is not valid");
+    }
+    EXPECT_EQ(sample.getValue0(), "kept");
+
+    generated::opcua::m2Types::M2StringVector15 vector;
+    vector.setValue0({"a", "b"});
+    UA_String strings[] = {UA_STRING_STATIC("x"), broken};
+    UA_Variant_setArray(&dv.value, strings, 2, &UA_TYPES[UA_TYPES_STRING]);
+    EXPECT_THROW(vector.setOpcUaDataValues(&dv), std::logic_error);
+    EXPECT_EQ(vector.getValue0(), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST(StringVectorBinding, takes_the_length_as_it_arrives) {
+    generated::opcua::m2Types::M2StringVector15 sample;
+    sample.setValue0(std::vector<std::string>(15, "old"));
+    std::vector<UA_String> strings(20);
+    for (auto& s : strings) s = UA_STRING_STATIC("new");
+    UA_DataValue dv;
+    UA_DataValue_init(&dv);
+    UA_Variant_setArray(&dv.value, strings.data(), strings.size(), &UA_TYPES[UA_TYPES_STRING]);
+    sample.setOpcUaDataValues(&dv);
+    EXPECT_EQ(sample.getValue0(), std::vector<std::string>(20, "new"));
+
+    UA_Variant_setArray(&dv.value, strings.data(), 2, &UA_TYPES[UA_TYPES_STRING]);
+    sample.setOpcUaDataValues(&dv);
+    EXPECT_EQ(sample.getValue0(), std::vector<std::string>(2, "new"));
+}
+
+TEST(VectorBinding, element_type_is_never_converted) {
+    generated::opcua::m2Types::M2FloatVector6 sample;
+    UA_Double doubles[] = {1.0, 2.0};
+    UA_DataValue dv;
+    UA_DataValue_init(&dv);
+    UA_Variant_setArray(&dv.value, doubles, 2, &UA_TYPES[UA_TYPES_DOUBLE]);
+    try {
+        sample.setOpcUaDataValues(&dv);
+        FAIL() << "no exception";
+    } catch (const vesk::duvo::DuvoException& e) {
+        EXPECT_STREQ(e.what(), "::m2Types::M2FloatVector6.value0: expected Float, received Double");
+    }
+    EXPECT_TRUE(sample.getValue0().empty());
+}
+
+} // namespace
