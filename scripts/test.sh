@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Installs what the project needs, builds it and runs the whole test suite once.
+#   scripts/test.sh          normal build
+#   scripts/test.sh --asan   AddressSanitizer + UndefinedBehaviorSanitizer
+#   scripts/test.sh --tsan   ThreadSanitizer
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+preset=default
+case "${1:-}" in
+    "") ;;
+    --asan) preset=asan ;;
+    --tsan) preset=tsan ;;
+    *) echo "usage: scripts/test.sh [--asan|--tsan]" >&2; exit 2 ;;
+esac
+
+scripts/install-deps.sh
+cmake --workflow --preset "$preset"
