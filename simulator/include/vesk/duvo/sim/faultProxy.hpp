@@ -1,0 +1,50 @@
+#pragma once
+// A loopback TCP proxy that sits between a client and a server and misbehaves on request,
+// so that tests can see how a client copes with slow, silent or vanishing servers.
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace vesk::duvo::sim {
+
+class FaultProxy {
+public:
+    enum class Mode {
+        PassThrough, ///< forward both ways
+        Delay,       ///< hold every server-to-client byte for the delay
+        Blackhole,   ///< forward requests, drop every reply; the connections stay open
+        CloseAll,    ///< close every connection and every new one at once
+    };
+
+    /// Listens on 127.0.0.1:listenPort (0 picks a free port) and forwards to the host and
+    /// port of targetEndpoint ("opc.tcp://host:port", the scheme being optional).
+    /// Throws std::system_error when it cannot listen or resolve the target.
+    explicit FaultProxy(const std::string& targetEndpoint, std::uint16_t listenPort = 0);
+    /// Closes every connection and the listening socket.
+    ~FaultProxy();
+    FaultProxy(const FaultProxy&) = delete;
+    FaultProxy& operator=(const FaultProxy&) = delete;
+
+    std::uint16_t port() const;
+    /// "opc.tcp://127.0.0.1:<port>" followed by the target's path, if any.
+    std::string endpoint() const;
+
+    void passThrough();
+    void delayReplies(std::chrono::milliseconds delay);
+    /// Leaving this mode closes the connections that lost replies: their byte streams are
+    /// no longer whole.
+    void blackhole();
+    void closeAll();
+    Mode mode() const;
+
+    /// Client connections currently open.
+    std::size_t connections() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace vesk::duvo::sim

@@ -1,0 +1,108 @@
+#pragma once
+// An OPC UA server for the m2Types module: one variable per data structure and one method
+// per interface, all in namespace 1, with knobs that let tests provoke failures.
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <open62541/plugin/log.h>
+#include <open62541/types.h>
+
+#include <vesk/duvo/sim/ownedVariant.hpp>
+
+namespace vesk::duvo::sim {
+
+struct Options {
+    /// 0 picks a free port on the first start; restarts keep it.
+    std::uint16_t port = 0;
+    /// The server listens on this address only ("0.0.0.0" for every interface).
+    std::string bindAddress = "127.0.0.1";
+    /// Some variables change every animationPeriod, so subscriptions show live data.
+    bool animate = false;
+    std::chrono::milliseconds animationPeriod{200};
+    /// open62541's own messages below this level are dropped; the rest go to stderr.
+    UA_LogLevel logLevel = UA_LOGLEVEL_WARNING;
+};
+
+/// How a method answers. The default is an immediate good reply carrying true.
+struct Reply {
+    /// The method holds its reply this long (the server answers nothing else meanwhile).
+    std::chrono::milliseconds delay{0};
+    /// A bad code is returned as the call's status, without output.
+    UA_StatusCode status = UA_STATUSCODE_GOOD;
+    /// Answer with an Int32 output instead of the declared Boolean.
+    bool wrongOutputType = false;
+    bool result = true;
+};
+
+/// The source time a variable's value carries.
+struct SourceTime {
+    bool present = false;
+    UA_DateTime timestamp = 0;
+    UA_UInt16 picoseconds = 0;
+};
+
+/// What the calls of one interface brought since the last clear.
+struct CallRecord {
+    std::size_t count = 0;
+    std::vector<OwnedVariant> lastArguments;
+};
+
+class Simulator {
+public:
+    explicit Simulator(Options options = {});
+    /// Stops the server if it runs.
+    ~Simulator();
+    Simulator(const Simulator&) = delete;
+    Simulator& operator=(const Simulator&) = delete;
+
+    /// Builds a fresh server (every variable back at its initial value) and starts listening;
+    /// throws std::runtime_error when the server cannot start. No effect when running.
+    void start();
+    /// Closes every connection and the listening socket. No effect when stopped.
+    void stop();
+    /// stop() and start() on the same port: clients see the server go and come back.
+    void restart();
+    bool running() const;
+    /// The listening port (0 before the first start with a free port).
+    std::uint16_t port() const;
+    /// "opc.tcp://<bind address>:<port>", with 127.0.0.1 when every interface listens.
+    std::string endpoint() const;
+
+    /// The current value of a variable, named by its data structure (e.g. "M2FloatVector6").
+    OwnedVariant read(const std::string& variable) const;
+    /// The source timestamp and picoseconds of a variable's value.
+    SourceTime sourceTime(const std::string& variable) const;
+    /// Writes as the server itself, stamped with the current time as source time:
+    /// subscribers see the change, writeCount does not.
+    /// Throws std::runtime_error with the status name when the server refuses the value.
+    void write(const std::string& variable, const UA_Variant& value);
+    /// Number of client writes accepted for the variable since the last clear.
+    std::size_t writeCount(const std::string& variable) const;
+    /// Waits until writeCount(variable) >= count; false on timeout.
+    bool waitForWrites(const std::string& variable, std::size_t count,
+                       std::chrono::milliseconds timeout) const;
+    /// A variable that is not writable answers client writes with BadNotWritable.
+    void setWritable(const std::string& variable, bool writable);
+
+    /// Calls of an interface's method (e.g. "PsRpcSetpower"): count and last arguments.
+    CallRecord calls(const std::string& iface) const;
+    /// Forgets every recorded call and write count.
+    void clearRecords();
+    /// Sets how every method answers, or one interface's method.
+    void setReply(const Reply& reply);
+    void setReply(const std::string& iface, const Reply& reply);
+
+    /// The variable names and interface names, in catalogue order.
+    static std::vector<std::string> variableNames();
+    static std::vector<std::string> interfaceNames();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace vesk::duvo::sim

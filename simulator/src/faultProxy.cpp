@@ -1,0 +1,344 @@
+#include <vesk/duvo/sim/faultProxy.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <list>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace vesk::duvo::sim {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kMaxConnections = 64;
+// Per direction and connection; beyond it the proxy stops reading that side.
+constexpr std::size_t kMaxBuffered = 4u << 20;
+constexpr std::size_t kReadSize = 64u << 10;
+
+[[noreturn]] void throwErrno(const std::string& what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+void closeFd(int& fd) {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+}
+
+struct Target {
+    sockaddr_storage address{};
+    socklen_t length = 0;
+    std::string path;
+};
+
+/// Host, port and path of "[scheme://]host:port[/path]"; an IPv6 host is in brackets.
+Target resolve(const std::string& endpoint) {
+    std::string rest = endpoint;
+    if (auto scheme = rest.find("://"); scheme != std::string::npos) rest = rest.substr(scheme + 3);
+    Target target;
+    if (auto slash = rest.find('/'); slash != std::string::npos) {
+        target.path = rest.substr(slash);
+        rest = rest.substr(0, slash);
+    }
+    const auto colon = rest.rfind(':');
+    if (colon == std::string::npos || colon + 1 == rest.size())
+        throw std::system_error(std::make_error_code(std::errc::invalid_argument), "no port in '" + endpoint + "'");
+    std::string host = rest.substr(0, colon);
+    const std::string port = rest.substr(colon + 1);
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+
+    // IPv4 first: servers here listen on 127.0.0.1 while "localhost" may also name ::1.
+    for (int family : {AF_INET, AF_UNSPEC}) {
+        addrinfo hints{};
+        hints.ai_family = family;
+        hints.ai_socktype = SOCK_STREAM;
+        addrinfo* found = nullptr;
+        if (::getaddrinfo(host.c_str(), port.c_str(), &hints, &found) == 0 && found) {
+            std::memcpy(&target.address, found->ai_addr, found->ai_addrlen);
+            target.length = found->ai_addrlen;
+            ::freeaddrinfo(found);
+            return target;
+        }
+    }
+    throw std::system_error(std::make_error_code(std::errc::host_unreachable), "cannot resolve '" + endpoint + "'");
+}
+
+struct Chunk {
+    std::vector<char> bytes;
+    std::size_t sent = 0;
+    Clock::time_point due;
+};
+
+struct Connection {
+    int client = -1;
+    int server = -1;
+    bool connecting = true;
+    bool tainted = false;      // replies were dropped: the client's stream is broken
+    bool serverClosed = false; // close once the client has what the server sent
+    bool dead = false;
+    std::deque<Chunk> toServer;
+    std::deque<Chunk> toClient;
+    std::size_t toServerBytes = 0;
+    std::size_t toClientBytes = 0;
+
+    ~Connection() {
+        closeFd(client);
+        closeFd(server);
+    }
+};
+
+/// Sends the chunks that are due; false when the socket failed.
+bool flush(int fd, std::deque<Chunk>& queue, std::size_t& queued, Clock::time_point now) {
+    while (!queue.empty() && queue.front().due <= now) {
+        Chunk& c = queue.front();
+        const ssize_t n = ::send(fd, c.bytes.data() + c.sent, c.bytes.size() - c.sent, MSG_NOSIGNAL);
+        if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+        c.sent += static_cast<std::size_t>(n);
+        if (c.sent < c.bytes.size()) return true;
+        queued -= c.bytes.size();
+        queue.pop_front();
+    }
+    return true;
+}
+
+enum class ReadResult { Data, WouldBlock, Closed };
+
+ReadResult readSome(int fd, std::vector<char>& out) {
+    out.resize(kReadSize);
+    const ssize_t n = ::recv(fd, out.data(), out.size(), 0);
+    if (n > 0) {
+        out.resize(static_cast<std::size_t>(n));
+        return ReadResult::Data;
+    }
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return ReadResult::WouldBlock;
+    return ReadResult::Closed;
+}
+
+} // namespace
+
+struct FaultProxy::Impl {
+    Impl(const std::string& targetEndpoint, std::uint16_t listenPort) : target(resolve(targetEndpoint)) {
+        int fds[2];
+        if (::pipe2(fds, O_NONBLOCK | O_CLOEXEC) != 0) throwErrno("pipe2");
+        wakeRead = fds[0];
+        wakeWrite = fds[1];
+        try {
+            listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            if (listenFd < 0) throwErrno("socket");
+            int on = 1;
+            ::setsockopt(listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+            sockaddr_in address{};
+            address.sin_family = AF_INET;
+            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            address.sin_port = htons(listenPort);
+            if (::bind(listenFd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+                throwErrno("cannot listen on port " + std::to_string(listenPort));
+            if (::listen(listenFd, 64) != 0) throwErrno("listen");
+            socklen_t length = sizeof address;
+            if (::getsockname(listenFd, reinterpret_cast<sockaddr*>(&address), &length) != 0) throwErrno("getsockname");
+            port = ntohs(address.sin_port);
+        } catch (...) {
+            closeFd(listenFd);
+            closeFd(wakeRead);
+            closeFd(wakeWrite);
+            throw;
+        }
+        thread = std::thread([this] { run(); });
+    }
+
+    ~Impl() {
+        stopping = true;
+        wake();
+        thread.join();
+        connections.clear();
+        closeFd(listenFd);
+        closeFd(wakeRead);
+        closeFd(wakeWrite);
+    }
+
+    void setMode(Mode m, std::chrono::milliseconds d = std::chrono::milliseconds(0)) {
+        delayMs = d.count();
+        mode = m;
+        wake();
+    }
+
+    void wake() {
+        const char byte = 0;
+        [[maybe_unused]] auto ignored = ::write(wakeWrite, &byte, 1); // a full pipe wakes as well
+    }
+
+    void run();
+    void accept(Mode current);
+    void service(Connection& c, short clientEvents, short serverEvents, Mode current, Clock::time_point now);
+
+    const Target target;
+    std::uint16_t port = 0;
+    int listenFd = -1;
+    int wakeRead = -1;
+    int wakeWrite = -1;
+    std::atomic<Mode> mode{Mode::PassThrough};
+    std::atomic<long long> delayMs{0};
+    std::atomic<bool> stopping{false};
+    std::atomic<std::size_t> open{0};
+    std::list<Connection> connections; // proxy thread only
+    std::thread thread;
+};
+
+void FaultProxy::Impl::accept(Mode current) {
+    for (;;) {
+        const int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) return;
+        if (current == Mode::CloseAll || connections.size() >= kMaxConnections) {
+            ::close(fd);
+            continue;
+        }
+        Connection& c = connections.emplace_back();
+        c.client = fd;
+        c.server = ::socket(target.address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        if (c.server < 0 ||
+            (::connect(c.server, reinterpret_cast<const sockaddr*>(&target.address), target.length) != 0 &&
+             errno != EINPROGRESS))
+            c.dead = true;
+    }
+}
+
+void FaultProxy::Impl::service(Connection& c, short clientEvents, short serverEvents, Mode current,
+                               Clock::time_point now) {
+    std::vector<char> bytes;
+    if (clientEvents & (POLLIN | POLLHUP | POLLERR)) {
+        switch (readSome(c.client, bytes)) {
+        case ReadResult::Closed: c.dead = true; return;
+        case ReadResult::WouldBlock: break;
+        case ReadResult::Data:
+            c.toServerBytes += bytes.size();
+            c.toServer.push_back({std::move(bytes), 0, now});
+            break;
+        }
+    }
+    if (c.connecting && (serverEvents & (POLLOUT | POLLERR | POLLHUP))) {
+        int error = 0;
+        socklen_t length = sizeof error;
+        if (::getsockopt(c.server, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
+            c.dead = true;
+            return;
+        }
+        c.connecting = false;
+    } else if (!c.connecting && !c.serverClosed && (serverEvents & (POLLIN | POLLHUP | POLLERR))) {
+        switch (readSome(c.server, bytes)) {
+        case ReadResult::Closed: c.serverClosed = true; break;
+        case ReadResult::WouldBlock: break;
+        case ReadResult::Data:
+            if (current == Mode::Blackhole) {
+                c.tainted = true;
+            } else {
+                const auto delay = current == Mode::Delay ? std::chrono::milliseconds(delayMs.load())
+                                                          : std::chrono::milliseconds(0);
+                c.toClientBytes += bytes.size();
+                c.toClient.push_back({std::move(bytes), 0, now + delay});
+            }
+            break;
+        }
+    }
+    if (!c.connecting && !flush(c.server, c.toServer, c.toServerBytes, now)) c.dead = true;
+    if (!flush(c.client, c.toClient, c.toClientBytes, now)) c.dead = true;
+    if (c.serverClosed && c.toClient.empty()) c.dead = true;
+}
+
+void FaultProxy::Impl::run() {
+    std::vector<pollfd> fds;
+    while (!stopping) {
+        const Clock::time_point now = Clock::now();
+        fds.clear();
+        fds.push_back({wakeRead, POLLIN, 0});
+        fds.push_back({listenFd, POLLIN, 0});
+        int timeout = -1;
+        for (const Connection& c : connections) {
+            short clientEvents = c.toServerBytes < kMaxBuffered ? POLLIN : 0;
+            short serverEvents = 0;
+            if (c.connecting)
+                serverEvents = POLLOUT;
+            else if (!c.serverClosed) {
+                if (c.toClientBytes < kMaxBuffered) serverEvents |= POLLIN;
+                if (!c.toServer.empty()) serverEvents |= POLLOUT;
+            }
+            if (!c.toClient.empty()) {
+                const auto due = c.toClient.front().due;
+                if (due <= now)
+                    clientEvents |= POLLOUT;
+                else {
+                    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(due - now).count();
+                    timeout = timeout < 0 ? static_cast<int>(wait) : std::min(timeout, static_cast<int>(wait));
+                }
+            }
+            fds.push_back({c.client, clientEvents, 0});
+            fds.push_back({c.server, serverEvents, 0});
+        }
+        if (::poll(fds.data(), fds.size(), timeout) < 0 && errno != EINTR) break;
+        if (stopping) break;
+
+        if (fds[0].revents & POLLIN) {
+            char drain[64];
+            while (::read(wakeRead, drain, sizeof drain) > 0) {
+            }
+        }
+        const Mode latest = mode;
+        std::size_t i = 2;
+        const Clock::time_point after = Clock::now();
+        for (Connection& c : connections) {
+            // Connections accepted during this round have no poll entries yet.
+            if (i >= fds.size()) break;
+            const short clientEvents = fds[i].revents;
+            const short serverEvents = fds[i + 1].revents;
+            i += 2;
+            if (latest == Mode::CloseAll || (c.tainted && latest != Mode::Blackhole))
+                c.dead = true;
+            else
+                service(c, clientEvents, serverEvents, latest, after);
+        }
+        if (latest == Mode::CloseAll)
+            for (Connection& c : connections) c.dead = true;
+        connections.remove_if([](const Connection& c) { return c.dead; });
+        if (fds[1].revents & POLLIN) accept(latest);
+        connections.remove_if([](const Connection& c) { return c.dead; });
+        open = connections.size();
+    }
+}
+
+FaultProxy::FaultProxy(const std::string& targetEndpoint, std::uint16_t listenPort)
+    : impl_(std::make_unique<Impl>(targetEndpoint, listenPort)) {}
+
+FaultProxy::~FaultProxy() = default;
+
+std::uint16_t FaultProxy::port() const { return impl_->port; }
+
+std::string FaultProxy::endpoint() const {
+    return "opc.tcp://127.0.0.1:" + std::to_string(impl_->port) + impl_->target.path;
+}
+
+void FaultProxy::passThrough() { impl_->setMode(Mode::PassThrough); }
+
+void FaultProxy::delayReplies(std::chrono::milliseconds delay) { impl_->setMode(Mode::Delay, delay); }
+
+void FaultProxy::blackhole() { impl_->setMode(Mode::Blackhole); }
+
+void FaultProxy::closeAll() { impl_->setMode(Mode::CloseAll); }
+
+FaultProxy::Mode FaultProxy::mode() const { return impl_->mode; }
+
+std::size_t FaultProxy::connections() const { return impl_->open; }
+
+} // namespace vesk::duvo::sim

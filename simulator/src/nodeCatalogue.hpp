@@ -1,0 +1,64 @@
+#pragma once
+// The simulator's nodes, derived from the two catalogues of the module.
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include <open62541/types.h>
+
+#include <duvo/opcua/detail/binding/uaType.hpp>
+#include <m2Types/catalogue.hpp>
+#include <m2Types/m2Types.hpp>
+#include <vesk/duvo/shared_vector.hpp>
+
+namespace vesk::duvo::sim::detail {
+
+struct VariableSpec {
+    const char* name;
+    const UA_DataType* type;
+    bool vector;
+    std::size_t nominalLength;
+};
+
+struct ArgumentSpec {
+    const UA_DataType* type;
+    bool array;
+};
+
+struct MethodSpec {
+    const char* iface;
+    std::string method;
+    std::vector<ArgumentSpec> arguments;
+};
+
+/// One OPC UA argument per parameter: a scalar, or one array for a shared vector.
+template <class P>
+struct ArgumentOf {
+    static ArgumentSpec get() { return {opcua::detail::binding::UaTypeOf<P>::type(), false}; }
+};
+template <class E>
+struct ArgumentOf<vesk::duvo::shared_vector<const E>> {
+    static ArgumentSpec get() { return {opcua::detail::binding::UaTypeOf<E>::type(), true}; }
+};
+
+template <class... P>
+std::vector<ArgumentSpec> argumentsOf() {
+    return {ArgumentOf<P>::get()...};
+}
+
+inline const std::vector<VariableSpec>& variableSpecs() {
+#define DUVO_SIM_VARIABLE(Name, Shape, Element, Nominal) \
+    {#Name, opcua::detail::binding::UaTypeOf<Element>::type(), m2Types::Shape<Element>::isVector, Nominal},
+    static const std::vector<VariableSpec> specs{M2TYPES_DATA_CATALOGUE(DUVO_SIM_VARIABLE)};
+#undef DUVO_SIM_VARIABLE
+    return specs;
+}
+
+inline const std::vector<MethodSpec>& methodSpecs() {
+#define DUVO_SIM_METHOD(Iface, Method, ...) {#Iface, "RPC_" #Method, argumentsOf<__VA_ARGS__>()},
+    static const std::vector<MethodSpec> specs{M2TYPES_INTERFACE_CATALOGUE(DUVO_SIM_METHOD)};
+#undef DUVO_SIM_METHOD
+    return specs;
+}
+
+} // namespace vesk::duvo::sim::detail
