@@ -1,0 +1,126 @@
+#pragma once
+// The shared OPC UA connection to one server endpoint.
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/thread/future.hpp>
+#include <open62541/types.h>
+#include <open62541/types_generated.h>
+
+#include <vesk/duvo/opcua/notificationQueue.hpp>
+#include <vesk/duvo/opcua/uaCpp.hpp>
+
+namespace vesk::duvo::opcua::detail {
+
+class ClientCore;
+
+/// One open62541 client with two threads of its own:
+/// - the network thread drives open62541; every open62541 callback arrives there, and the
+///   futures below are completed there (so `.then(boost::launch::sync, ...)` continuations
+///   run on it: they must not block);
+/// - the I/O-context thread runs ioContext(): pollers' timers and posted work, monitored-item
+///   notifications and connection callbacks.
+///
+/// It connects when created and reconnects by itself (backoff from 50 ms doubling to 1 s; an
+/// attempt that has not activated a session within 3 s is abandoned). A peer that goes
+/// silent is noticed within about 3 s by a read every 500 ms: a server that answers nothing
+/// for about 2 s is taken as gone, and the client reconnects.
+///
+/// Requests are encoded and sent from the caller's thread before the call returns; without a
+/// session they are kept (deep-copied, in order) until a session is up or their submit
+/// deadline passes. Every future completes exactly once: with the server's response (whose
+/// service result the caller checks), or with an exception whose message begins with one of
+///   "timeout"          vesk::duvo::TimeoutException: the reply deadline passed;
+///   "not connected"    vesk::duvo::DuvoException: no session before the submit deadline;
+///   "connection lost"  vesk::duvo::DuvoException: the connection closed before the reply;
+///   "client shut down" vesk::duvo::DuvoException: the client was destroyed first;
+///   "request failed"   vesk::duvo::DuvoException: open62541 could not send it;
+/// followed by ": " and details (status name, endpoint). A read or write whose deadline has
+/// passed when it is made (a zero timeout) is not kept: without a session it fails at once with
+/// "not connected"; with one it is sent, and its future completes with the reply whenever that
+/// comes (or "connection lost", "client shut down"), since nobody waits for it.
+///
+/// The destructor stops both threads (it may run on either of them: the thread then ends on
+/// its own right after), fails pending futures with "client shut down", deletes the
+/// subscription and closes the session.
+class OpcUaClient {
+public:
+    using Clock = std::chrono::steady_clock;
+    using NodeId = UaCpp<UA_NodeId, std::shared_ptr<UA_NodeId>>;
+    using ReadValueId = UaCpp<UA_ReadValueId, std::shared_ptr<UA_ReadValueId>>;
+    using ReadResponse = UaCpp<UA_ReadResponse, std::unique_ptr<UA_ReadResponse, void (*)(UA_ReadResponse*)>>;
+    using WriteResponse = UaCpp<UA_WriteResponse, std::unique_ptr<UA_WriteResponse, void (*)(UA_WriteResponse*)>>;
+    using CallResponse = UaCpp<UA_CallResponse, std::unique_ptr<UA_CallResponse, void (*)(UA_CallResponse*)>>;
+    using ConnectionCallback = std::function<void(bool)>;
+
+    /// A monitored-item registration.
+    struct MonitoredNode {
+        NodeId nodeId;
+        double samplingIntervalMs = 0;
+        std::function<void(UA_DataValue*)> callback;
+        /// Maintained by the client under its lock: its key for the item, and the server's ids
+        /// while the item exists there.
+        std::uint64_t clientKey = 0;
+        UA_UInt32 subscriptionId = 0;
+        UA_UInt32 monitoredItemId = 0;
+    };
+    using MonitorHandle = NotificationQueue<MonitoredNode>::Handle;
+    using ConnectionHandle = NotificationQueue<ConnectionCallback>::Handle;
+
+    /// endpoint: "opc.tcp://host:port[/path]". properties: the middleware properties.
+    explicit OpcUaClient(const std::string& endpoint, const std::map<std::string, std::string>& properties = {});
+    OpcUaClient(const OpcUaClient&) = delete;
+    OpcUaClient& operator=(const OpcUaClient&) = delete;
+    ~OpcUaClient();
+
+    const std::string& endpoint() const;
+
+    /// Starts a connection attempt at once unless connected or connecting (resets the backoff).
+    void asyncConnect();
+
+    /// Whether a session is activated now.
+    bool isConnected() const;
+
+    /// callback(true) each time a session is activated, callback(false) once when it is lost.
+    /// No call for the state at registration. Called on the I/O-context thread.
+    NotificationQueue<ConnectionCallback>::Handle addConnectionCallback(ConnectionCallback callback);
+
+    /// Monitors the node's Value: callback gets every data change (on the I/O-context thread;
+    /// the value may be taken). Sampling interval 0 asks for every change; the server revises
+    /// it. The subscription's publishing interval follows the smallest registered interval.
+    /// Items are re-created once when a new session replaces a lost one. Destroying the handle
+    /// deletes the item on the server.
+    NotificationQueue<MonitoredNode>::Handle monitor(const UA_NodeId& nodeId, double samplingIntervalMs,
+                                                     std::function<void(UA_DataValue*)> callback);
+
+    /// One read of the Value attribute per node id, for readValuesAsync.
+    std::vector<ReadValueId> makeReadValueIds(const std::vector<NodeId>& nodeIds);
+
+    /// Reads the first count ids (source and server timestamps). Fails at the deadline.
+    boost::future<ReadResponse> readValuesAsync(const std::vector<ReadValueId>& ids, std::size_t count,
+                                                Clock::time_point deadline);
+
+    /// Writes count values; they stay the caller's and may go as soon as the call returns.
+    /// Fails at the deadline.
+    boost::future<WriteResponse> writeValuesAsync(UA_WriteValue* values, std::size_t count, Clock::time_point deadline);
+
+    /// Calls count methods; the requests stay the caller's. Without a session the call waits
+    /// until submitDeadline; once sent, replyTimeMs bounds the reply (0 or less: no bound).
+    boost::future<CallResponse> callMethodsAsync(UA_CallMethodRequest* requests, std::size_t count,
+                                                 Clock::time_point submitDeadline, long replyTimeMs);
+
+    /// The I/O context run by the client's second thread.
+    boost::asio::io_context& ioContext();
+
+private:
+    std::shared_ptr<ClientCore> core_;
+};
+
+} // namespace vesk::duvo::opcua::detail

@@ -1,0 +1,350 @@
+// The shared client against a real server: services, monitored items, deadlines, ownership.
+#include <atomic>
+#include <boost/asio/post.hpp>
+#include <iostream>
+#include <mutex>
+#include <vector>
+
+#include <log4cplus/configurator.h>
+#include <log4cplus/logger.h>
+
+#include <vesk/duvo/exceptions.hpp>
+#include <vesk/duvo/opcua/opcuaDuvo.hpp>
+#include <vesk/duvo/opcua/time.hpp>
+
+#include "clientSupport.hpp"
+
+namespace duvo::test {
+namespace {
+
+namespace op = vesk::duvo::opcua::detail;
+
+// The client's warnings are worth seeing next to a failing test.
+const bool logging = [] {
+    log4cplus::BasicConfigurator::doConfigure();
+    log4cplus::Logger::getRoot().setLogLevel(log4cplus::WARN_LOG_LEVEL);
+    return true;
+}();
+
+double readDouble(OpcUaClient& client, const char* name, double* sourceTime = nullptr) {
+    const auto ids = client.makeReadValueIds({op::UaNodeId(node(name))});
+    auto response = client.readValuesAsync(ids, 1, Clock::now() + 2s).get();
+    EXPECT_EQ(response->responseHeader.serviceResult, UA_STATUSCODE_GOOD);
+    EXPECT_EQ(response->resultsSize, 1u);
+    if (sourceTime) *sourceTime = op::maxDataTimestamp(*response);
+    return *static_cast<double*>(response->results[0].value.data);
+}
+
+// ---- services
+
+TEST_F(ClientTest, write_read_and_call_round_trip) {
+    UA_WriteValue writes[2];
+    UA_Int32 number = -7;
+    UA_String text = UA_STRING(const_cast<char*>("gr\xC3\xBC\xC3\x9F"));
+    for (auto& w : writes) UA_WriteValue_init(&w);
+    writes[0].nodeId = node("Int32");
+    UA_Variant_setScalar(&writes[0].value.value, &number, &UA_TYPES[UA_TYPES_INT32]);
+    writes[1].nodeId = node("String");
+    UA_Variant_setScalar(&writes[1].value.value, &text, &UA_TYPES[UA_TYPES_STRING]);
+    for (auto& w : writes) {
+        w.attributeId = UA_ATTRIBUTEID_VALUE;
+        w.value.hasValue = w.value.hasSourceTimestamp = true;
+        w.value.sourceTimestamp = 116444736000000000LL + 15000000; // 1.5 s after the Unix epoch
+    }
+    auto written = client->writeValuesAsync(writes, 2, Clock::now() + 2s).get();
+    auto zeroTimeout = writeDouble(*client, "Double", 9, 0ms); // nobody waits: reports the reply
+    EXPECT_EQ(zeroTimeout.get()->results[0], UA_STATUSCODE_GOOD);
+    ASSERT_EQ(written->resultsSize, 2u);
+    EXPECT_EQ(written->results[0], UA_STATUSCODE_GOOD);
+    EXPECT_EQ(written->results[1], UA_STATUSCODE_GOOD);
+
+    const auto ids = client->makeReadValueIds({op::UaNodeId(node("Int32")), op::UaNodeId(node("String")), op::UaNodeId(node("Nope"))});
+    auto read = client->readValuesAsync(ids, 3, Clock::now() + 2s).get();
+    ASSERT_EQ(read->resultsSize, 3u);
+    EXPECT_EQ(*static_cast<UA_Int32*>(read->results[0].value.data), -7);
+    EXPECT_TRUE(UA_String_equal(static_cast<UA_String*>(read->results[1].value.data), &text));
+    EXPECT_EQ(read->results[2].status, UA_STATUSCODE_BADNODEIDUNKNOWN);
+    EXPECT_EQ(op::maxDataTimestamp(*read), 1.5);
+
+    UA_CallMethodRequest call;
+    UA_CallMethodRequest_init(&call);
+    call.objectId = node("Methods");
+    call.methodId = node("Methods.Add");
+    UA_Int32 a = 40, b = 2;
+    UA_Variant args[2];
+    UA_Variant_setScalar(&args[0], &a, &UA_TYPES[UA_TYPES_INT32]);
+    UA_Variant_setScalar(&args[1], &b, &UA_TYPES[UA_TYPES_INT32]);
+    call.inputArguments = args;
+    call.inputArgumentsSize = 2;
+    auto called = client->callMethodsAsync(&call, 1, Clock::now() + 1s, 2000).get();
+    ASSERT_EQ(called->resultsSize, 1u);
+    ASSERT_EQ(called->results[0].outputArgumentsSize, 1u);
+    EXPECT_EQ(*static_cast<UA_Int32*>(called->results[0].outputArguments[0].data), 42);
+}
+
+TEST_F(ClientTest, monitor_delivers_every_change_in_order_on_the_io_thread) {
+    std::thread::id ioThread;
+    boost::asio::post(client->ioContext(), [&] { ioThread = std::this_thread::get_id(); });
+    std::mutex mutex;
+    std::vector<double> seen;
+    bool onIoThread = true;
+    auto handle = client->monitor(node("Double"), 0, [&](UA_DataValue* value) {
+        std::lock_guard<std::mutex> lock(mutex);
+        onIoThread = onIoThread && std::this_thread::get_id() == ioThread;
+        seen.push_back(*static_cast<double*>(value->value.data));
+    });
+    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return !seen.empty(); })); // the initial value
+    for (int i = 1; i <= 30; ++i) server.writeDouble("Double", i); // a burst between two publishes
+    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return seen.back() == 30; }));
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(seen.size(), 31u);
+    for (std::size_t i = 0; i < seen.size(); ++i) EXPECT_EQ(seen[i], double(i));
+    EXPECT_TRUE(onIoThread);
+}
+
+TEST(Client, requests_made_before_the_session_wait_for_it_in_order) {
+    TestServer server;
+    server.stop();
+    OpcUaClient client(server.endpoint());
+    std::vector<boost::future<OpcUaClient::WriteResponse>> writes;
+    for (int i = 1; i <= 20; ++i) writes.push_back(writeDouble(client, "Double", i, 10s)); // values gone on return
+    std::this_thread::sleep_for(200ms);
+    server.start();
+    for (auto& w : writes) EXPECT_EQ(w.get()->results[0], UA_STATUSCODE_GOOD);
+    EXPECT_EQ(readDouble(client, "Double"), 20.0);
+}
+
+// ---- deadlines
+
+TEST_F(ClientTest, slow_reply_fails_at_the_reply_deadline_and_the_late_reply_is_harmless) {
+    std::vector<bool> events;
+    auto watch = client->addConnectionCallback([&](bool up) { events.push_back(up); });
+    const auto start = Clock::now();
+    auto slow = callSleep(*client, 700, 200);
+    const std::string failure = failureOf(slow);
+    const auto elapsed = Clock::now() - start;
+    EXPECT_TRUE(startsWith(failure, "timeout")) << failure;
+    EXPECT_GE(elapsed, 150ms);
+    EXPECT_LE(elapsed, 1500ms);
+    std::this_thread::sleep_for(800ms); // the reply arrives late
+    auto unbounded = callSleep(*client, 400, 0); // no reply deadline: waits as long as it takes
+    EXPECT_EQ(failureOf(unbounded), "");
+    EXPECT_TRUE(events.empty()); // the channel stayed up
+}
+
+TEST_F(ClientTest, server_that_stops_answering_fails_requests_at_their_deadline) {
+    server.pause();
+    const auto start = Clock::now();
+    auto write = writeDouble(*client, "Double", 1, 200ms);
+    try {
+        write.get();
+        ADD_FAILURE() << "no failure";
+    } catch (const vesk::duvo::TimeoutException& e) {
+        EXPECT_TRUE(startsWith(e.what(), "timeout")) << e.what();
+    }
+    const auto elapsed = Clock::now() - start;
+    EXPECT_GE(elapsed, 150ms);
+    EXPECT_LE(elapsed, 1500ms);
+    server.resume();
+}
+
+TEST(Deadline, unreachable_or_silent_endpoints_fail_with_not_connected) {
+    SilentListener silent;
+    for (const std::string& endpoint : {"opc.tcp://127.0.0.1:" + std::to_string(freePort()), silent.endpoint()}) {
+        OpcUaClient client(endpoint);
+        const auto start = Clock::now();
+        auto write = writeDouble(client, "Double", 1, 200ms);
+        const std::string failure = failureOf(write);
+        const auto elapsed = Clock::now() - start;
+        EXPECT_TRUE(startsWith(failure, "not connected")) << endpoint << ": " << failure;
+        EXPECT_NE(failure.find(endpoint), std::string::npos) << failure;
+        EXPECT_GE(elapsed, 150ms) << endpoint;
+        EXPECT_LE(elapsed, 1500ms) << endpoint;
+        auto immediate = writeDouble(client, "Double", 1, 0ms);
+        EXPECT_TRUE(startsWith(failureOf(immediate), "not connected"));
+    }
+}
+
+TEST_F(ClientTest, destroying_the_client_fails_what_is_pending) {
+    auto pending = callSleep(*client, 600, 0);
+    std::this_thread::sleep_for(50ms);
+    const auto start = Clock::now();
+    client.reset();
+    EXPECT_TRUE(startsWith(failureOf(pending), "client shut down"));
+    EXPECT_LE(Clock::now() - start, 1500ms);
+}
+
+TEST_F(ClientTest, a_connection_closed_under_a_request_fails_it) {
+    server.pause(); // the write is never read by the server
+    auto write = writeDouble(*client, "Double", 1, 10s);
+    std::this_thread::sleep_for(50ms);
+    server.stop();
+    const std::string failure = failureOf(write);
+    EXPECT_TRUE(startsWith(failure, "connection lost")) << failure;
+}
+
+// ---- reconnection
+
+TEST_F(ClientTest, server_restart_recreates_items_once_and_notifications_resume) {
+    std::mutex mutex;
+    std::vector<bool> events;
+    std::vector<double> seen;
+    Clock::time_point firstAfterRestart{};
+    auto watch = client->addConnectionCallback([&](bool up) {
+        std::lock_guard<std::mutex> lock(mutex);
+        events.push_back(up);
+    });
+    auto handle = client->monitor(node("Double"), 0, [&](UA_DataValue* value) {
+        std::lock_guard<std::mutex> lock(mutex);
+        seen.push_back(*static_cast<double*>(value->value.data));
+        if (!events.empty() && firstAfterRestart == Clock::time_point{}) firstAfterRestart = Clock::now();
+    });
+    ASSERT_TRUE(eventually([&] { return server.itemsCreated("Double") == 1; }));
+    server.writeDouble("Double", 1);
+    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return !seen.empty() && seen.back() == 1; }));
+
+    server.stop();
+    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return events.size() == 1; }))
+        << events.size() << " connection events";
+    std::this_thread::sleep_for(300ms);
+    server.start();
+    const auto back = Clock::now();
+    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return firstAfterRestart != Clock::time_point{}; }));
+    server.writeDouble("Double", 2);
+    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return seen.back() == 2; }));
+    std::this_thread::sleep_for(300ms);
+
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(events, (std::vector<bool>{false, true}));
+    EXPECT_EQ(server.itemsCreated("Double"), 2); // once per server life
+    std::cout << "[ measured ] server back -> first notification: "
+              << std::chrono::duration_cast<std::chrono::milliseconds>(firstAfterRestart - back).count() << " ms\n";
+}
+
+TEST_F(ClientTest, silent_server_is_noticed_and_the_same_session_resumes) {
+    std::mutex mutex;
+    std::vector<bool> events;
+    double last = -1;
+    auto watch = client->addConnectionCallback([&](bool up) {
+        std::lock_guard<std::mutex> lock(mutex);
+        events.push_back(up);
+    });
+    auto handle = client->monitor(node("Double"), 10, [&](UA_DataValue* value) {
+        std::lock_guard<std::mutex> lock(mutex);
+        last = *static_cast<double*>(value->value.data);
+    });
+    ASSERT_TRUE(eventually([&] { return server.itemsCreated("Double") == 1; }));
+    const auto start = Clock::now();
+    server.pause();
+    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return events.size() == 1; }, 6s));
+    EXPECT_LE(Clock::now() - start, 4500ms); // noticed in about three seconds
+    server.resume();
+    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return events.size() == 2; }, 8s));
+    server.writeDouble("Double", 5);
+    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return last == 5; }));
+    EXPECT_EQ(events, (std::vector<bool>{false, true}));
+    EXPECT_EQ(server.itemsCreated("Double"), 1); // the subscription survived on the server
+}
+
+// ---- registrations and ownership
+
+TEST_F(ClientTest, destroyed_monitor_handle_stops_callbacks_and_deletes_the_item) {
+    std::atomic<bool> destroyed{false}, lateCall{false};
+    std::atomic<int> calls{0};
+    auto handle = client->monitor(node("Double"), 0, [&](UA_DataValue*) {
+        if (destroyed) lateCall = true;
+        ++calls;
+        std::this_thread::sleep_for(1ms);
+    });
+    std::atomic<bool> writing{true};
+    std::thread writer([&] {
+        for (int i = 0; writing; ++i) {
+            server.writeDouble("Double", i);
+            std::this_thread::sleep_for(200us);
+        }
+    });
+    ASSERT_TRUE(eventually([&] { return calls > 20; }));
+    std::thread([&] {
+        handle = OpcUaClient::MonitorHandle();
+        destroyed = true;
+    }).join();
+    std::this_thread::sleep_for(100ms);
+    writing = false;
+    writer.join();
+    EXPECT_FALSE(lateCall);
+    EXPECT_TRUE(eventually([&] { return server.itemsDeleted("Double") == 1; }));
+}
+
+TEST_F(ClientTest, a_callback_may_destroy_its_own_handle) {
+    std::atomic<int> calls{0};
+    std::mutex mutex; // the first call may come before the handle is stored
+    auto holder = std::make_shared<OpcUaClient::MonitorHandle>();
+    std::unique_lock<std::mutex> storing(mutex);
+    *holder = client->monitor(node("Double"), 0, [&, holder](UA_DataValue*) {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++calls;
+        *holder = OpcUaClient::MonitorHandle();
+    });
+    storing.unlock();
+    ASSERT_TRUE(eventually([&] { return calls == 1; }));
+    for (int i = 1; i <= 5; ++i) server.writeDouble("Double", i);
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(calls, 1);
+}
+
+TEST(Client, may_be_destroyed_on_its_own_threads) {
+    TestServer server;
+    {
+        // The last owner lets go inside a notification (I/O-context thread).
+        auto client = std::make_shared<OpcUaClient>(server.endpoint());
+        std::atomic<bool> released{false};
+        auto handle = client->monitor(node("Double"), 0, [&](UA_DataValue*) {
+            if (!released.exchange(true)) client.reset();
+        });
+        ASSERT_TRUE(eventually([&] { return released.load(); }));
+    }
+    {
+        // ... and inside a continuation (network thread).
+        auto client = std::make_shared<OpcUaClient>(server.endpoint());
+        ASSERT_TRUE(eventually([&] { return client->isConnected(); }));
+        auto done = callSleep(*client, 100, 0).then(boost::launch::sync, [owner = client](auto reply) mutable {
+            reply.get();
+            owner.reset();
+            return true;
+        });
+        client.reset();
+        EXPECT_TRUE(done.get());
+    }
+    std::this_thread::sleep_for(100ms); // the detached threads end
+}
+
+TEST(Client, handles_may_outlive_the_client) {
+    TestServer server;
+    auto client = std::make_unique<OpcUaClient>(server.endpoint());
+    auto connection = client->addConnectionCallback([](bool) {});
+    auto item = client->monitor(node("Double"), 100, [](UA_DataValue*) {});
+    client.reset();
+    connection = OpcUaClient::ConnectionHandle();
+    item = OpcUaClient::MonitorHandle();
+    SUCCEED();
+}
+
+TEST(Duvo, one_client_per_endpoint_while_anyone_holds_it) {
+    TestServer server;
+    auto duvo = std::make_shared<op::OpcUaDuvo>(op::OpcUaDuvo::Properties{{"k", "v"}});
+    EXPECT_EQ(duvo->properties().at("k"), "v");
+    std::vector<std::shared_ptr<OpcUaClient>> clients(8);
+    std::vector<std::thread> threads;
+    for (auto& c : clients) threads.emplace_back([&] { c = duvo->getClient(server.endpoint(), {}); });
+    for (auto& t : threads) t.join();
+    for (const auto& c : clients) EXPECT_EQ(c, clients.front());
+    const auto other = duvo->getClient("opc.tcp://127.0.0.1:" + std::to_string(freePort()), {});
+    EXPECT_NE(other, clients.front());
+    std::weak_ptr<OpcUaClient> first = clients.front();
+    clients.clear();
+    EXPECT_TRUE(first.expired());
+    EXPECT_TRUE(duvo->getClient(server.endpoint(), {}));
+}
+
+} // namespace
+} // namespace duvo::test
