@@ -1,0 +1,104 @@
+#pragma once
+// Shorthands shared by the queue tests.
+#include <chrono>
+#include <memory>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <vesk/duvo/util.hpp>
+
+#include <duvo/ps/queue/queuedSubscriber.hpp>
+#include <generated/opcua/m2Types/m2Types.hpp>
+
+#include "queue/keyedSample.hpp"
+
+namespace duvo::test {
+
+namespace ps = vesk::duvo::ps;
+namespace queue = vesk::duvo::ps::queue;
+using namespace std::chrono_literals;
+using ps::InstanceState;
+
+using Int32 = m2Types::M2Int32Value0;
+using Int32Binding = generated::opcua::m2Types::M2Int32Value0;
+using KeylessSubscriber = queue::QueuedSubscriber<Int32, Int32Binding>;
+using KeyedSubscriber = queue::QueuedSubscriber<Keyed, KeyedBinding>;
+using KeyedEvents = std::vector<std::shared_ptr<ps::DataEvent<Keyed>>>;
+using Filter = ps::DataEventFilter<Keyed>;
+using EventCallback = KeyedSubscriber::EventCallback;
+using NotifyCallback = KeyedSubscriber::NotifyCallback;
+
+inline std::unique_ptr<Int32Binding> int32(int value) {
+    auto sample = std::make_unique<Int32Binding>();
+    sample->setValue0(value);
+    return sample;
+}
+
+inline std::unique_ptr<Keyed> keyed(int key, int value) { return std::make_unique<KeyedBinding>(key, value); }
+
+inline double nowSeconds() { return vesk::duvo::util::timestampToDouble(vesk::duvo::util::currentTimeMillis()); }
+
+inline Filter filterFor(int key, InstanceState state = InstanceState::Any, std::set<ps::InstanceEvent> events = {}) {
+    return Filter(keyed(key, 0), state, std::move(events));
+}
+
+inline Filter eventsFilter(std::set<ps::InstanceEvent> events) {
+    return Filter(nullptr, InstanceState::Any, std::move(events));
+}
+
+/// Takes every queued event, without waiting.
+template <class T, class ST>
+std::vector<std::shared_ptr<ps::DataEvent<T>>> drainEvents(queue::QueuedSubscriber<T, ST>& s) {
+    std::vector<std::shared_ptr<ps::DataEvent<T>>> events;
+    s.readDataEvents(ps::DataEventFilter<T>(), events, 0, 0ms);
+    return events;
+}
+
+/// The values of samples (or of the events' samples) in order.
+template <class Samples>
+std::vector<int> values(const Samples& samples) {
+    std::vector<int> v;
+    for (const auto& s : samples) {
+        if constexpr (std::is_same_v<std::decay_t<decltype(*s)>, Int32>)
+            v.push_back(s->getValue0());
+        else if constexpr (std::is_same_v<std::decay_t<decltype(*s)>, Keyed>)
+            v.push_back(s->getValue());
+        else
+            v.push_back(s->getData()->getValue());
+    }
+    return v;
+}
+
+inline long long elapsedMs(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+}
+
+/// Delivers keyed samples from another thread after 100 ms.
+class LateSource {
+public:
+    LateSource(KeyedSubscriber& sub, int key, int firstValue, int count = 1)
+        : thread_([&sub, key, firstValue, count] {
+              std::this_thread::sleep_for(100ms);
+              for (int i = 0; i < count; ++i) sub.newData(keyed(key, firstValue + i), nowSeconds(), 1);
+          }) {}
+    ~LateSource() { thread_.join(); }
+
+private:
+    std::thread thread_;
+};
+
+/// Expects the call to throw E with exactly this message.
+template <class E, class F>
+void expectThrowWith(F&& call, const char* message) {
+    try {
+        call();
+        ADD_FAILURE() << "no exception; expected: " << message;
+    } catch (const E& e) {
+        EXPECT_STREQ(e.what(), message);
+    }
+}
+
+} // namespace duvo::test
