@@ -100,10 +100,12 @@ M2TYPES_DATA_CATALOGUE(M2TYPES_DECLARE_TYPE)
     };                                                                                             \
     class Iface##Sync : public virtual Iface, public virtual vesk::duvo::rr::ClientRrEntity {       \
     public:                                                                                        \
+        static constexpr const char* clientName = #Iface "Sync";                                   \
         ~Iface##Sync() override;                                                                   \
     };                                                                                             \
     class Iface##Async : public virtual Async##Iface, public virtual vesk::duvo::rr::ClientRrEntity { \
     public:                                                                                        \
+        static constexpr const char* clientName = #Iface "Async";                                  \
         ~Iface##Async() override;                                                                  \
     };
 M2TYPES_INTERFACE_CATALOGUE(M2TYPES_DECLARE_INTERFACE)

@@ -1,0 +1,163 @@
+#pragma once
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/thread/future.hpp>
+#include <log4cplus/logger.h>
+#include <open62541/types.h>
+
+#include <duvo/opcua/detail/ps/sinks.hpp>
+#include <vesk/duvo/opcua/client.hpp>
+#include <vesk/duvo/opcua/time.hpp>
+#include <vesk/duvo/opcua/uriHelper.hpp>
+
+namespace vesk::duvo::opcua::detail::ps {
+
+/// Reads all nodes of a subscription in one OPC UA read, periodically or when a monitor
+/// triggers it, and delivers the sample when its data time is newer than the last one.
+template <class ST, class Sink>
+class BasicDataPoller {
+public:
+    using NodeId = UaCpp<UA_NodeId, std::shared_ptr<UA_NodeId>>;
+
+    /// A period below 1 ms gives a poller that only serves triggered polls, with 1000 ms reads.
+    BasicDataPoller(Sink sink, std::shared_ptr<OpcUaClient> client, const std::vector<NodeId>& nodeIds,
+                    std::int64_t periodMs)
+        : logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.subscriber")),
+          sink(sink),
+          client(std::move(client)),
+          periodMs(periodMs),
+          readValueIds(this->client->makeReadValueIds(nodeIds)),
+          nodeIds(nodeIds),
+          timer(this->client->ioContext()),
+          guard(std::make_shared<Guard>()) {
+        id = Sink::pollerName;
+        for (const auto& node : nodeIds) id += " " + nodeIdToString(*node);
+        if (this->periodMs < 1) {
+            this->periodMs = 1000;
+        } else {
+            post([this] { onPeriodicPollTimer({}); });
+        }
+    }
+
+    /// After this returns no handler of the poller runs any more; a poll in progress on the
+    /// I/O thread is waited for (at most its read deadline).
+    ~BasicDataPoller() {
+        std::lock_guard<std::mutex> lock(guard->mutex);
+        guard->alive = false;
+        timer.cancel();
+    }
+
+    BasicDataPoller(const BasicDataPoller&) = delete;
+    BasicDataPoller& operator=(const BasicDataPoller&) = delete;
+
+    /// Queues a triggered poll on the client's I/O context; never polls on the caller's thread.
+    void postTriggeredPoll() {
+        post([this] { scheduleTriggeredPoll(); });
+    }
+
+    /// Re-arms the timer for 1 ms, cancelling a pending wait, so a burst becomes one read.
+    void scheduleTriggeredPoll() {
+        timer.expires_after(std::chrono::milliseconds(1));
+        timer.async_wait(guarded([this](const boost::system::error_code& ec) { onTriggerPollTimer(ec); }));
+    }
+
+    void poll() {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(periodMs);
+        const auto waitUntil = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(periodMs);
+        try {
+            auto future = client->readValuesAsync(readValueIds, readValueIds.size(), deadline);
+            if (future.wait_until(waitUntil) != boost::future_status::ready) {
+                sink.pollTimedOut(logger, "Msg:" + id + ": read timed out");
+                return;
+            }
+            const OpcUaClient::ReadResponse response = future.get();
+            const UA_StatusCode service = response->responseHeader.serviceResult;
+            if (service != UA_STATUSCODE_GOOD) {
+                sink.pollFailed(logger, "Msg:" + id + ": read returned " + UA_StatusCode_name(service));
+                return;
+            }
+            if (response->resultsSize != nodeIds.size()) {
+                sink.pollFailed(logger, "Msg:" + id + ": read returned " + std::to_string(response->resultsSize) +
+                                            " values, " + "expected " + std::to_string(nodeIds.size()));
+                return;
+            }
+            for (std::size_t i = 0; i < response->resultsSize; ++i) {
+                const UA_DataValue& value = response->results[i];
+                if (value.hasStatus && UA_StatusCode_isBad(value.status)) {
+                    sink.pollFailed(logger, "Msg:" + id + ": failed to read node " + nodeIdToString(*nodeIds[i]) +
+                                                ": " + UA_StatusCode_name(value.status));
+                    return;
+                }
+            }
+            const double t = maxDataTimestamp(*response);
+            if (lastDataTime == 0.0 || lastDataTime < t) {
+                lastDataTime = t;
+                auto sample = std::make_unique<ST>();
+                sample->setOpcUaDataValues(response->results);
+                sink.sample(std::move(sample), t);
+            }
+        } catch (...) {
+            sink.pollThrew();
+        }
+    }
+
+    std::int64_t getPeriodMs() const noexcept { return periodMs; }
+    const std::string& getId() const noexcept { return id; }
+
+private:
+    struct Guard {
+        std::mutex mutex;
+        bool alive = true;
+    };
+
+    /// Wraps a handler so that it runs only while the poller lives, never beside its destructor.
+    template <class F>
+    auto guarded(F f) {
+        return [g = guard, f = std::move(f)](auto&&... args) mutable {
+            std::lock_guard<std::mutex> lock(g->mutex);
+            if (g->alive) f(std::forward<decltype(args)>(args)...);
+        };
+    }
+
+    template <class F>
+    void post(F f) {
+        boost::asio::post(client->ioContext(), guarded(std::move(f)));
+    }
+
+    void onPeriodicPollTimer(const boost::system::error_code& ec) {
+        if (ec == boost::asio::error::operation_aborted) return;
+        poll();
+        timer.expires_after(std::chrono::milliseconds(periodMs));
+        timer.async_wait(guarded([this](const boost::system::error_code& e) { onPeriodicPollTimer(e); }));
+    }
+
+    void onTriggerPollTimer(const boost::system::error_code& ec) {
+        if (ec == boost::asio::error::operation_aborted) return;
+        poll();
+    }
+
+    log4cplus::Logger logger;
+    Sink sink;
+    std::shared_ptr<OpcUaClient> client;
+    std::int64_t periodMs;
+    std::vector<OpcUaClient::ReadValueId> readValueIds;
+    std::vector<NodeId> nodeIds;
+    double lastDataTime = 0.0;
+    std::string id;
+    boost::asio::steady_timer timer;
+    std::shared_ptr<Guard> guard;
+};
+
+template <class T, class ST>
+using OpcUaDataPoller = BasicDataPoller<ST, QueuedSink<T, ST>>;
+template <class T, class ST>
+using OpcUaMrvDataPoller = BasicDataPoller<ST, MrvSink<T, ST>>;
+
+} // namespace vesk::duvo::opcua::detail::ps

@@ -1,0 +1,43 @@
+#pragma once
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <duvo/opcua/detail/ps/subscriberEntity.hpp>
+#include <duvo/ps/queue/mapMrvSubscriber.hpp>
+#include <vesk/duvo/ps/subscriber.hpp>
+
+namespace vesk::duvo::opcua::detail::ps {
+
+/// Keeps the newest sample of T from the nodes of its URI.
+template <class T, class ST>
+class OpcUaMrvSubscriber
+    : public OpcUaSubscriberEntity<T, ST, vesk::duvo::ps::queue::MapMrvSubscriber<T, ST>, MrvSink<T, ST>> {
+    using Entity = OpcUaSubscriberEntity<T, ST, vesk::duvo::ps::queue::MapMrvSubscriber<T, ST>, MrvSink<T, ST>>;
+
+public:
+    OpcUaMrvSubscriber(const std::string& uri, const std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>& qos,
+                       const vesk::duvo::Duvo::Properties& properties, const std::shared_ptr<OpcUaDuvo>& duvo)
+        : Entity("MrvSubscriber", uri, qos, properties, duvo) {}
+};
+
+/// The most-recent-value subscriber the middleware holds.
+template <class T, class ST>
+class OpcUaMrvSubscriberDelegator : public vesk::duvo::ps::MrvSubscriber<T> {
+public:
+    OpcUaMrvSubscriberDelegator() = default;
+    explicit OpcUaMrvSubscriberDelegator(std::shared_ptr<OpcUaMrvSubscriber<T, ST>> e) : entity(std::move(e)) {}
+    void setEntity(std::shared_ptr<OpcUaMrvSubscriber<T, ST>> e) noexcept { entity = std::move(e); }
+    const std::shared_ptr<OpcUaMrvSubscriber<T, ST>>& getEntity() const noexcept { return entity; }
+
+    std::vector<std::shared_ptr<T>> readMostRecent(const std::chrono::milliseconds& timeout) override {
+        return entity->readMostRecent(timeout);
+    }
+    void close() override { entity->close(); }
+
+private:
+    std::shared_ptr<OpcUaMrvSubscriber<T, ST>> entity;
+};
+
+} // namespace vesk::duvo::opcua::detail::ps

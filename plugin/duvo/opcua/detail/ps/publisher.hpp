@@ -1,0 +1,268 @@
+#pragma once
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <boost/thread/future.hpp>
+#include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
+#include <open62541/types.h>
+
+#include <duvo/opcua/detail/binding/traits.hpp>
+#include <duvo/opcua/detail/ps/basePubSub.hpp>
+#include <vesk/duvo/exceptions.hpp>
+#include <vesk/duvo/opcua/uriHelper.hpp>
+#include <vesk/duvo/ps/publisher.hpp>
+
+namespace vesk::duvo::opcua::detail::ps {
+
+template <class T, class ST>
+class OpcUaInstancePublisher;
+template <class T, class ST>
+class OpcUaPublisherDelegator;
+
+/// The OPC UA DateTime and picoseconds of a source time given in seconds since the Unix epoch.
+struct SourceTime {
+    UA_DateTime dateTime;
+    UA_UInt16 picoseconds;
+};
+
+inline SourceTime sourceTimeOf(double timestamp) noexcept {
+    const double scaled = timestamp * 10000000.0;
+    const double ticks = std::floor(scaled);
+    return {static_cast<UA_DateTime>(ticks) + UA_DATETIME_UNIX_EPOCH,
+            static_cast<UA_UInt16>(static_cast<long long>((scaled - ticks) / 0.00001))};
+}
+
+/// Publishes samples of T by writing the Value attribute of the nodes of its URI.
+template <class T, class ST>
+class OpcUaPublisher : public OpcUaBasePubSub<T, ST>,
+                       public vesk::duvo::ps::Publisher<T>,
+                       public std::enable_shared_from_this<OpcUaPublisher<T, ST>> {
+    using Base = OpcUaBasePubSub<T, ST>;
+    friend class OpcUaInstancePublisher<T, ST>;
+    friend class OpcUaPublisherDelegator<T, ST>;
+
+public:
+    using WriteResponse = UaCpp<UA_WriteResponse, std::unique_ptr<UA_WriteResponse, void (*)(UA_WriteResponse*)>>;
+
+    OpcUaPublisher(const std::string& uri, const typename Base::QoSList& qos, const typename Base::Properties& properties,
+                   const std::shared_ptr<OpcUaDuvo>& duvo)
+        : Base(uri, qos, properties, duvo), publisherLogger(log4cplus::Logger::getInstance("orsa.duvo.opcua.publisher")) {
+        LOG4CPLUS_TRACE(publisherLogger, "Publisher for " << uri << " created");
+    }
+
+    std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return this->duvo; }
+
+    std::unique_ptr<vesk::duvo::ps::InstancePublisher<T>> createInstancePublisher(const T&) override {
+        throw vesk::duvo::IllegalStateException("createInstancePublisher not implemented");
+    }
+
+    void publish(const T& sample, const std::chrono::milliseconds& timeout) override {
+        internalPublish(sample, timeout, std::nullopt);
+    }
+
+    void publish(double timestamp, const T& sample, const std::chrono::milliseconds& timeout) override {
+        internalPublish(sample, timeout, timestamp);
+    }
+
+    std::shared_ptr<T> createDataEntity() override {
+        this->checkState();
+        return createDataEntityInternal<T, ST>(publisherLogger);
+    }
+
+    /// Closes the publisher and every instance publisher made from it; a second close returns at once.
+    void close() override {
+        if (this->getState() == EntityState::Closed) return;
+        std::lock_guard<std::mutex> publishLock(publishMutex);
+        {
+            std::lock_guard<std::mutex> listLock(listMutex);
+            for (OpcUaInstancePublisher<T, ST>* instance : instancePublishers) instance->close();
+        }
+        this->setState(EntityState::Closed);
+    }
+
+    std::string publisherId() const {
+        std::string id = "OpcUaPublisher for nodes";
+        for (const auto& node : this->nodeIds) id += " " + nodeIdToString(*node);
+        return id;
+    }
+
+    /// Writes the sample to the nodes; waits for the result unless the timeout is 0.
+    void internalPublish(const T& sample, const std::chrono::milliseconds& timeout, std::optional<double> timestamp) {
+        this->checkState();
+        const ST& binding = obtainImpl<T, ST>(sample, publisherLogger);
+        const UA_DataValue* values = binding.getOpcUaDataValues();
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        const auto waitUntil = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(timeout.count());
+
+        // The write values borrow the node ids and the sample's memory; the client encodes
+        // the request before it returns, so nothing here has to outlive the call.
+        UA_WriteValue writes[ST::fieldCount];
+        for (std::size_t i = 0; i < ST::fieldCount; ++i) {
+            UA_WriteValue_init(&writes[i]);
+            writes[i].nodeId = *this->nodeIds[i];
+            writes[i].attributeId = UA_ATTRIBUTEID_VALUE;
+            writes[i].value = values[i];
+            if (timestamp) {
+                const SourceTime source = sourceTimeOf(*timestamp);
+                writes[i].value.sourceTimestamp = source.dateTime;
+                writes[i].value.sourcePicoseconds = source.picoseconds;
+                writes[i].value.hasSourceTimestamp = true;
+                writes[i].value.hasSourcePicoseconds = true;
+            }
+        }
+        boost::future<WriteResponse> future = this->client->writeValuesAsync(writes, ST::fieldCount, deadline);
+
+        if (timeout.count() == 0) {
+            // Fire and forget: a failure found later can no longer reach the caller, so it is logged.
+            std::weak_ptr<OpcUaPublisher> self = this->weak_from_this();
+            future.then(boost::launch::sync, [self](boost::future<WriteResponse> done) {
+                if (auto publisher = self.lock()) {
+                    try {
+                        publisher->checkWriteResponse(done);
+                    } catch (const std::exception& e) {
+                        LOG4CPLUS_ERROR(publisher->publisherLogger, e.what());
+                    }
+                }
+            });
+            return;
+        }
+        if (future.wait_until(waitUntil) != boost::future_status::ready)
+            throw vesk::duvo::TimeoutException("timeout when publishing");
+        checkWriteResponse(future);
+    }
+
+    void checkWriteResponse(boost::future<WriteResponse>& future) const {
+        const WriteResponse response = future.get();
+        const std::string suffix = " Uri:" + this->uri;
+        const UA_StatusCode service = response->responseHeader.serviceResult;
+        if (service != UA_STATUSCODE_GOOD)
+            throw std::runtime_error(publisherId() + ": write returned " + UA_StatusCode_name(service) + suffix);
+        if (response->resultsSize != this->nodeIds.size())
+            throw std::runtime_error(publisherId() + ": write returned " + std::to_string(response->resultsSize) +
+                                     " results, " + "expected " + std::to_string(this->nodeIds.size()) + suffix);
+        for (std::size_t i = 0; i < response->resultsSize; ++i)
+            if (response->results[i] != UA_STATUSCODE_GOOD)
+                throw std::runtime_error(publisherId() + ": failed to write to node " +
+                                         nodeIdToString(*this->nodeIds[i]) + ": " +
+                                         UA_StatusCode_name(response->results[i]) + suffix);
+    }
+
+private:
+    void addInstancePublisher(OpcUaInstancePublisher<T, ST>* instance) {
+        std::lock_guard<std::mutex> lock(listMutex);
+        instancePublishers.push_back(instance);
+    }
+
+    // An instance publisher leaves the list when it is destroyed, so close() never reaches
+    // a destroyed one.
+    void removeInstancePublisher(OpcUaInstancePublisher<T, ST>* instance) {
+        std::lock_guard<std::mutex> lock(listMutex);
+        instancePublishers.remove(instance);
+    }
+
+    log4cplus::Logger publisherLogger;
+    std::mutex publishMutex;
+    std::list<OpcUaInstancePublisher<T, ST>*> instancePublishers;
+    std::mutex listMutex;
+};
+
+/// Publishes through its publisher, for one instance; it keeps a copy of that instance.
+template <class T, class ST>
+class OpcUaInstancePublisher : public vesk::duvo::ps::InstancePublisher<T> {
+public:
+    OpcUaInstancePublisher(std::shared_ptr<OpcUaPublisher<T, ST>> publisher, const ST& instance)
+        : logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.publisher")), publisher(std::move(publisher)) {
+        this->instance.copy(instance);
+    }
+
+    ~OpcUaInstancePublisher() override { publisher->removeInstancePublisher(this); }
+
+    void publish(const T& sample, const std::chrono::milliseconds& timeout) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        checkState();
+        publisher->internalPublish(sample, timeout, std::nullopt);
+    }
+
+    void publish(double timestamp, const T& sample, const std::chrono::milliseconds& timeout) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        checkState();
+        publisher->internalPublish(sample, timeout, timestamp);
+    }
+
+    std::shared_ptr<T> createDataEntity() override {
+        std::lock_guard<std::mutex> lock(mutex);
+        checkState();
+        auto sample = createDataEntityInternal<T, ST>(logger);
+        static_cast<ST&>(*sample).copy(instance);
+        return sample;
+    }
+
+    std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return publisher->getDuvo(); }
+
+    void close() override {
+        std::lock_guard<std::mutex> lock(mutex);
+        closed = true;
+    }
+
+    void checkState() const {
+        if (!closed) return;
+        const char* const message = "InstanceOpcUaPublisher closed";
+        logger.log(log4cplus::ERROR_LOG_LEVEL, message, "duvo/opcua/detail/ps/publisher", __LINE__, "checkState");
+        throw vesk::duvo::IllegalStateException(message);
+    }
+
+private:
+    log4cplus::Logger logger;
+    std::shared_ptr<OpcUaPublisher<T, ST>> publisher;
+    std::atomic<bool> closed{false};
+    std::mutex mutex;
+    ST instance;
+};
+
+/// The publisher the middleware holds; the only maker of instance publishers.
+template <class T, class ST>
+class OpcUaPublisherDelegator : public vesk::duvo::ps::Publisher<T> {
+public:
+    OpcUaPublisherDelegator() = default;
+    explicit OpcUaPublisherDelegator(std::shared_ptr<OpcUaPublisher<T, ST>> publisher)
+        : publisher(std::move(publisher)) {}
+
+    void setEntity(std::shared_ptr<OpcUaPublisher<T, ST>> p) noexcept { publisher = std::move(p); }
+    const std::shared_ptr<OpcUaPublisher<T, ST>>& getEntity() const noexcept { return publisher; }
+
+    std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return publisher->getDuvo(); }
+
+    std::unique_ptr<vesk::duvo::ps::InstancePublisher<T>> createInstancePublisher(const T& instance) override {
+        const ST& impl = obtainImpl<T, ST>(instance, publisher->publisherLogger);
+        auto created = std::make_unique<OpcUaInstancePublisher<T, ST>>(publisher, impl);
+        publisher->addInstancePublisher(created.get());
+        return created;
+    }
+
+    void publish(const T& sample, const std::chrono::milliseconds& timeout) override {
+        publisher->internalPublish(sample, timeout, std::nullopt);
+    }
+
+    void publish(double timestamp, const T& sample, const std::chrono::milliseconds& timeout) override {
+        publisher->internalPublish(sample, timeout, timestamp);
+    }
+
+    std::shared_ptr<T> createDataEntity() override { return publisher->createDataEntity(); }
+
+    void close() override { publisher->close(); }
+
+private:
+    std::shared_ptr<OpcUaPublisher<T, ST>> publisher;
+};
+
+} // namespace vesk::duvo::opcua::detail::ps

@@ -1,0 +1,84 @@
+#pragma once
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
+
+#include <duvo/opcua/detail/ps/basePubSub.hpp>
+#include <duvo/opcua/detail/ps/dataMonitor.hpp>
+#include <duvo/opcua/detail/ps/dataPoller.hpp>
+#include <vesk/duvo/opcua/properties.hpp>
+
+namespace vesk::duvo::opcua::detail::ps {
+
+/// What the queued and the most-recent-value subscriber entities share: the store (Core),
+/// the URI part, and the choice between monitoring and polling made from the properties.
+template <class T, class ST, class Core, class Sink>
+class OpcUaSubscriberEntity : public Core, public OpcUaBasePubSub<T, ST> {
+    using Base = OpcUaBasePubSub<T, ST>;
+
+public:
+    using Monitor = BasicDataMonitor<ST, Sink>;
+    using Poller = BasicDataPoller<ST, Sink>;
+
+    void close() override {
+        this->checkState();
+        shutDown();
+    }
+
+    ~OpcUaSubscriberEntity() override {
+        if (this->getState() != EntityState::Closed) {
+            shuttingDown = true;
+            shutDown();
+        }
+    }
+
+    bool hasMonitor() const noexcept { return monitor.has_value(); }
+    bool hasPoller() const noexcept { return poller.has_value(); }
+    const Poller* getPoller() const noexcept { return poller ? &*poller : nullptr; }
+
+protected:
+    /// coreArguments build the store; the rest is the base entity's.
+    template <class... CoreArguments>
+    OpcUaSubscriberEntity(const char* kind, const std::string& uri, const typename Base::QoSList& qos,
+                          const typename Base::Properties& properties, const std::shared_ptr<OpcUaDuvo>& duvo,
+                          CoreArguments&&... coreArguments)
+        : Core(std::forward<CoreArguments>(coreArguments)...),
+          Base(uri, qos, properties, duvo),
+          logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.subscriber")) {
+        const bool usePoll = getDuvoProperty<bool>(properties, "opc.ps.usePollSubscriber", false);
+        const int periodMs = getDuvoProperty<int>(properties, "opc.ps.pollingPeriodMs", 1000);
+        const Sink sink{this};
+        if (usePoll) {
+            poller.emplace(sink, this->client, this->nodeIds, periodMs);
+        } else {
+            // A type spread over several nodes is never assembled from single notifications:
+            // each one triggers a consistent read of all nodes.
+            if (this->nodeIds.size() > 1) poller.emplace(sink, this->client, this->nodeIds, 0);
+            monitor.emplace(sink, this->client, this->nodeIds, static_cast<double>(periodMs),
+                            poller ? &*poller : nullptr);
+        }
+        LOG4CPLUS_TRACE(logger, kind << " for " << uri << " created");
+    }
+
+private:
+    void shutDown() {
+        this->setState(EntityState::Closed);
+        monitor.reset();
+        poller.reset();
+        Core::close();
+    }
+
+    log4cplus::Logger logger;
+    std::atomic<bool> shuttingDown{false};
+    std::optional<Monitor> monitor;
+    std::optional<Poller> poller;
+};
+
+} // namespace vesk::duvo::opcua::detail::ps

@@ -1,0 +1,139 @@
+#pragma once
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <boost/thread/future.hpp>
+#include <open62541/types.h>
+
+#include <vesk/duvo/exceptions.hpp>
+#include <vesk/duvo/opcua/client.hpp>
+#include <vesk/duvo/opcua/opcuaDuvo.hpp>
+#include <vesk/duvo/opcua/properties.hpp>
+#include <vesk/duvo/opcua/uaCpp.hpp>
+#include <vesk/duvo/opcua/uriHelper.hpp>
+#include <vesk/duvo/rr/qos.hpp>
+#include <vesk/duvo/rr/rrEntity.hpp>
+#include <vesk/duvo/util.hpp>
+
+namespace vesk::duvo::opcua::detail::rr {
+
+/// The number of methods of a request/reply interface; specialised for every interface.
+template <class I>
+struct RrInterfaceTraits;
+
+using CallResponse = UaCpp<UA_CallResponse, std::unique_ptr<UA_CallResponse, void (*)(UA_CallResponse*)>>;
+
+/// The single result of a method call, converted; failures throw.
+template <class R>
+R unpackCallResult(boost::future<CallResponse>& future, const std::function<R(const UA_Variant&)>& convert) {
+    const CallResponse response = future.get();
+    if (response->resultsSize != 1)
+        throw std::runtime_error("unexpected resultsSize in RPC call: " + std::to_string(response->resultsSize));
+    const UA_CallMethodResult& result = response->results[0];
+    if (result.statusCode != UA_STATUSCODE_GOOD)
+        throw std::runtime_error(std::string("RPC call failed: ") + UA_StatusCode_name(result.statusCode));
+    if (result.outputArgumentsSize == 0) {
+        // No output at all: the converter refuses the missing value by name.
+        UA_Variant none;
+        UA_Variant_init(&none);
+        return convert(none);
+    }
+    return convert(result.outputArguments[0]);
+}
+
+/// Calls the OPC UA methods of one request/reply interface I through the shared client.
+template <class I>
+class ClientEntity : public virtual vesk::duvo::rr::ClientRrEntity {
+public:
+    using NodeId = UaCpp<UA_NodeId, std::shared_ptr<UA_NodeId>>;
+    struct Method {
+        NodeId objectId;
+        NodeId methodId;
+    };
+
+    ClientEntity(const std::string& uri, const std::vector<std::shared_ptr<vesk::duvo::rr::qos::QoS>>& qos,
+                 const std::map<std::string, std::string>& properties, const std::shared_ptr<OpcUaDuvo>& duvo)
+        : duvo(duvo), uri(uri) {
+        if (!UriHelper::isReqResUri(uri)) throw std::invalid_argument("URI is not request/response URI. Uri:" + uri);
+        std::vector<NodeId> nodes = getNodeIds(uri);
+        if (nodes.size() % 2 != 0)
+            throw std::invalid_argument(
+                "even number of node IDs expected in URI fragment, n pairs of (objectId, methodId)");
+        const std::size_t pairs = nodes.size() / 2;
+        if (pairs != RrInterfaceTraits<I>::methodCount)
+            throw std::invalid_argument("interface has " + std::to_string(RrInterfaceTraits<I>::methodCount) +
+                                        " methods, but " + std::to_string(pairs) + " methods specified in URI");
+        for (std::size_t k = 0; k < pairs; ++k) methods.push_back(Method{nodes[2 * k], nodes[2 * k + 1]});
+        submitTimeoutMs = getDuvoProperty<int>(properties, "opc.asyncCallSubmitTimeoutMs", 1000);
+        replyTimeMs = vesk::duvo::util::getReplyTimeQoS(qos);
+        if (replyTimeMs == 2147483647) replyTimeMs = 0;
+        client = duvo->getClient(UriHelper::endpointOf(uri), properties);
+    }
+
+    std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return duvo; }
+
+    /// Drops this entity's share of the client; the client lives on while others hold it.
+    void close() override {
+        std::lock_guard<std::mutex> lock(clientMutex);
+        client.reset();
+    }
+
+    void asyncConnect() override { currentClient()->asyncConnect(); }
+
+    std::function<void()> registerConnectionListener(std::function<void(bool)> listener) override {
+        auto handle = std::make_shared<ConnectionHandle>(currentClient()->addConnectionCallback(std::move(listener)));
+        // Calling the function, or dropping it, releases the registration.
+        return [handle]() mutable { *handle = ConnectionHandle(); };
+    }
+
+    /// Calls method methodIndex with the given arguments; the first output is converted.
+    template <class R, std::size_t N>
+    boost::future<R> callMethodAsync(std::size_t methodIndex, std::array<UA_Variant, N> arguments,
+                                     std::function<R(const UA_Variant&)> convert) {
+        if (methodIndex >= methods.size())
+            throw std::out_of_range("method index " + std::to_string(methodIndex) + " out of range. Uri:" + uri);
+        const std::shared_ptr<OpcUaClient> c = currentClient();
+        UA_CallMethodRequest request;
+        UA_CallMethodRequest_init(&request);
+        request.objectId = *methods[methodIndex].objectId;
+        request.methodId = *methods[methodIndex].methodId;
+        request.inputArgumentsSize = N;
+        request.inputArguments = N ? arguments.data() : nullptr;
+        boost::future<CallResponse> future = c->callMethodsAsync(
+            &request, 1, std::chrono::steady_clock::now() + std::chrono::milliseconds(submitTimeoutMs), replyTimeMs);
+        return future.then(boost::launch::sync, [convert = std::move(convert)](boost::future<CallResponse> done) {
+            return unpackCallResult<R>(done, convert);
+        });
+    }
+
+    std::int64_t getSubmitTimeoutMs() const noexcept { return submitTimeoutMs; }
+    std::int64_t getReplyTimeMs() const noexcept { return replyTimeMs; }
+    const std::vector<Method>& getMethods() const noexcept { return methods; }
+
+private:
+    using ConnectionHandle = NotificationQueue<std::function<void(bool)>>::Handle;
+
+    std::shared_ptr<OpcUaClient> currentClient() const {
+        std::lock_guard<std::mutex> lock(clientMutex);
+        if (!client) throw vesk::duvo::IllegalStateException("Client entity closed. Uri:" + uri);
+        return client;
+    }
+
+    std::shared_ptr<OpcUaDuvo> duvo;
+    std::vector<Method> methods;
+    std::shared_ptr<OpcUaClient> client;
+    std::int64_t submitTimeoutMs = 1000;
+    std::int64_t replyTimeMs = 0;
+    const std::string uri;
+    mutable std::mutex clientMutex;
+};
+
+} // namespace vesk::duvo::opcua::detail::rr
