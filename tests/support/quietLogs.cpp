@@ -1,5 +1,5 @@
-// The subscriber logs refusals at ERROR; the tests check the exceptions and keep standard
-// error for the callback reports they compare.
+// Entities log every refusal at ERROR; the tests check the exceptions themselves, so log
+// lines go nowhere (tests that check a log line add their own appender to that logger).
 #include <log4cplus/logger.h>
 #include <log4cplus/nullappender.h>
 
