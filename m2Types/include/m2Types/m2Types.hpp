@@ -14,6 +14,11 @@
 #include <vesk/duvo/rr/rrEntity.hpp>
 #include <vesk/duvo/shared_vector.hpp>
 
+// The module's classes are visible from every library that uses them, even one built with
+// hidden visibility (the plug-in): their type information must be one, and the plug-in's
+// traits of a hidden type would be hidden too.
+#define M2TYPES_API __attribute__((visibility("default")))
+
 namespace m2Types {
 
 /// Field shapes of the data catalogue.
@@ -74,7 +79,7 @@ public:
 } // namespace detail
 
 #define M2TYPES_DECLARE_TYPE(Name, Shape, Element, Nominal)                    \
-    class Name : public detail::Value0<Name, Shape<Element>> {                 \
+    class M2TYPES_API Name : public detail::Value0<Name, Shape<Element>> {     \
     public:                                                                    \
         static constexpr const char* typeName = #Name;                         \
         static constexpr std::size_t nominalLength = Nominal;                  \
@@ -86,24 +91,24 @@ M2TYPES_DATA_CATALOGUE(M2TYPES_DECLARE_TYPE)
 // For each interface: the synchronous method set <I>, the asynchronous one Async<I>, and the
 // client interfaces <I>Sync and <I>Async.
 #define M2TYPES_DECLARE_INTERFACE(Iface, Method, ...)                                              \
-    class Iface : public virtual vesk::duvo::rr::RrEntity {                                        \
+    class M2TYPES_API Iface : public virtual vesk::duvo::rr::RrEntity {                            \
     public:                                                                                        \
         static constexpr const char* interfaceName = #Iface;                                       \
         static constexpr const char* methodName = "RPC_" #Method;                                  \
         ~Iface() override;                                                                         \
         virtual bool RPC_##Method(M2TYPES_PARAMS(__VA_ARGS__)) = 0;                                \
     };                                                                                             \
-    class Async##Iface : public virtual vesk::duvo::rr::RrEntity {                                 \
+    class M2TYPES_API Async##Iface : public virtual vesk::duvo::rr::RrEntity {                     \
     public:                                                                                        \
         ~Async##Iface() override;                                                                  \
         virtual boost::future<bool> RPC_##Method(M2TYPES_PARAMS(__VA_ARGS__)) = 0;                 \
     };                                                                                             \
-    class Iface##Sync : public virtual Iface, public virtual vesk::duvo::rr::ClientRrEntity {       \
+    class M2TYPES_API Iface##Sync : public virtual Iface, public virtual vesk::duvo::rr::ClientRrEntity { \
     public:                                                                                        \
         static constexpr const char* clientName = #Iface "Sync";                                   \
         ~Iface##Sync() override;                                                                   \
     };                                                                                             \
-    class Iface##Async : public virtual Async##Iface, public virtual vesk::duvo::rr::ClientRrEntity { \
+    class M2TYPES_API Iface##Async : public virtual Async##Iface, public virtual vesk::duvo::rr::ClientRrEntity { \
     public:                                                                                        \
         static constexpr const char* clientName = #Iface "Async";                                  \
         ~Iface##Async() override;                                                                  \

@@ -19,10 +19,22 @@ using BindingOf_t = typename BindingOf<T>::type;
 template <class T>
 struct __attribute__((visibility("default"))) DuvoOpcUaTraits {
     /// A new default-valued sample.
-    static std::unique_ptr<T> makeImpl() { return std::make_unique<BindingOf_t<T>>(); }
+    static std::unique_ptr<T> makeImpl();
     /// True when p is a sample of this binding.
-    static bool isImpl(const T* p) { return p != nullptr && dynamic_cast<const BindingOf_t<T>*>(p) != nullptr; }
+    static bool isImpl(const T* p);
 };
+
+// Defined out of the class, so that they are not inline: the plug-in exports them, and
+// inline members would be hidden with the rest.
+template <class T>
+std::unique_ptr<T> DuvoOpcUaTraits<T>::makeImpl() {
+    return std::make_unique<BindingOf_t<T>>();
+}
+
+template <class T>
+bool DuvoOpcUaTraits<T>::isImpl(const T* p) {
+    return p != nullptr && dynamic_cast<const BindingOf_t<T>*>(p) != nullptr;
+}
 
 } // namespace vesk::duvo::opcua::detail::binding
 
