@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
-# The main job: builds the project (installing what it needs) and runs the catalogue tour.
+# The main job: builds the project (installing what it needs) and runs `m2ctl tour`, which
+# starts the embedded simulator and, through the plug-in loaded by name, publishes and reads
+# back every type and calls every interface. Arguments go to the tour (for example --json, or
+# --endpoint opc.tcp://HOST:PORT for a device).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh >/dev/null
 cmake --preset default >/dev/null
-cmake --build --preset default --target m2-catalogue >/dev/null
-exec build/default/examples/m2-catalogue "$@"
+cmake --build --preset default --target m2ctl m2Types-opcua >/dev/null
+exec build/default/tools/m2ctl/m2ctl tour "$@"

@@ -1,5 +1,7 @@
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
 
+#include <stdexcept>
+
 namespace vesk::duvo::opcua::detail {
 
 OpcUaDuvo::OpcUaDuvo(vesk::duvo::Duvo::Properties properties) : properties_(std::move(properties)) {}
@@ -17,6 +19,30 @@ std::shared_ptr<OpcUaClient> OpcUaDuvo::getClient(const std::string& endpoint,
     auto client = std::make_shared<OpcUaClient>(endpoint, properties);
     clients_[endpoint] = client;
     return client;
+}
+
+const PluginLoader& OpcUaDuvo::pluginLoader() {
+    std::lock_guard<std::mutex> lock(loaderMutex_);
+    if (!loader_) {
+        const auto path = properties_.find("opc.pluginPath");
+        loader_ = std::make_unique<PluginLoader>(moduleName, path == properties_.end() ? std::string() : path->second);
+    }
+    return *loader_;
+}
+
+std::string OpcUaDuvo::entryPointName(const std::string& kind, const std::string& name) {
+    return "generated_opcua_" + kind + "_" + moduleName + "_" + name;
+}
+
+void* OpcUaDuvo::entryPoint(const char* kind, const char* name) {
+    // The loader never changes once made, so the lookup needs no lock.
+    return pluginLoader().symbol(entryPointName(kind, name));
+}
+
+std::shared_ptr<OpcUaDuvo> OpcUaDuvo::self() {
+    // Entities hold their middleware, so one not owned by a shared_ptr cannot create them.
+    if (auto owner = weak_from_this().lock()) return owner;
+    throw std::logic_error("OpcUaDuvo creates entities only when held by a std::shared_ptr (use std::make_shared)");
 }
 
 } // namespace vesk::duvo::opcua::detail

@@ -1,0 +1,125 @@
+// OpcUaDuvo's typed helpers: every kind of entity created through the plug-in that the
+// loader finds by name, against the simulator.
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <m2Types/m2Types.hpp>
+#include <vesk/duvo/opcua/opcuaDuvo.hpp>
+#include <vesk/duvo/rr/qos.hpp>
+#include <vesk/duvo/sim/simulator.hpp>
+
+#include "support/simulatorFixture.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using vesk::duvo::opcua::detail::OpcUaDuvo;
+
+/// A type the module does not have: its entry points cannot exist.
+class NotInModule : public m2Types::M2Int32Value0 {
+public:
+    static constexpr const char* typeName = "M2NoSuchType";
+};
+
+class TypedHelpers : public duvo::test::SimulatorSuite {
+protected:
+    void SetUp() override {
+        SimulatorSuite::SetUp();
+        duvo = std::make_shared<OpcUaDuvo>(OpcUaDuvo::Properties{{"opc.ps.pollingPeriodMs", "0"}});
+    }
+};
+
+TEST_F(TypedHelpers, create_every_kind_of_entity_bound_to_this_middleware) {
+    using T = m2Types::M2Int32Value0;
+    const auto sample = duvo->createDataEntity<m2Types::M2FloatVector6>();
+    ASSERT_NE(sample, nullptr);
+    sample->setValue0(vesk::duvo::shared_vector<const float>{1, 2, 3, 4, 5, 6});
+    EXPECT_EQ(sample->getValue0().size(), 6u);
+
+    const auto subscriber = duvo->createSubscriber<T>(psUri(T::typeName));
+    const auto mostRecent = duvo->createMrvSubscriber<T>(psUri(T::typeName));
+    const auto publisher = duvo->createPublisher<T>(psUri(T::typeName));
+    EXPECT_EQ(publisher->getDuvo(), duvo);
+    const auto value = publisher->createDataEntity();
+    value->setValue0(-123456);
+    publisher->publish(*value, 3000ms);
+
+    bool received = false, newest = false;
+    for (auto end = std::chrono::steady_clock::now() + 3s;
+         std::chrono::steady_clock::now() < end && !(received && newest);) {
+        for (const auto& s : subscriber->read(0)) received = received || s->getValue0() == -123456;
+        const auto latest = mostRecent->readMostRecent(0ms);
+        newest = latest.size() == 1 && latest[0]->getValue0() == -123456;
+        std::this_thread::sleep_for(5ms);
+    }
+    EXPECT_TRUE(received);
+    EXPECT_TRUE(newest);
+
+    const std::vector<std::shared_ptr<vesk::duvo::rr::qos::QoS>> qos{
+        std::make_shared<vesk::duvo::rr::qos::ReplyTime>(3000ms)};
+    const auto sync = duvo->createClient<m2Types::PsRpcSetpowerSync>(rrUri("PsRpcSetpower", "RPC_SetPower"), qos);
+    const auto async = duvo->createClient<m2Types::PsRpcSetpowerAsync>(rrUri("PsRpcSetpower", "RPC_SetPower"), qos);
+    EXPECT_EQ(sync->getDuvo(), duvo);
+    const std::size_t before = simulator->calls("PsRpcSetpower").count;
+    EXPECT_TRUE(sync->RPC_SetPower(true));
+    EXPECT_TRUE(async->RPC_SetPower(false).get());
+    EXPECT_EQ(simulator->calls("PsRpcSetpower").count, before + 2);
+}
+
+TEST_F(TypedHelpers, entities_read_the_middleware_properties) {
+    const auto polling = std::make_shared<OpcUaDuvo>(
+        OpcUaDuvo::Properties{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "often"}});
+    try {
+        polling->createSubscriber<m2Types::M2Int32Value0>(psUri("M2Int32Value0"));
+        FAIL() << "the property was not read";
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("opc.ps.pollingPeriodMs"), std::string::npos) << e.what();
+    }
+}
+
+TEST_F(TypedHelpers, find_the_plug_in_next_to_the_binding_library_or_where_the_property_says) {
+    EXPECT_EQ(duvo->pluginLoader().path(), M2TYPES_PLUGIN_FILE);
+    const std::string file = M2TYPES_PLUGIN_FILE;
+    const auto byFolder =
+        std::make_shared<OpcUaDuvo>(OpcUaDuvo::Properties{{"opc.pluginPath", file.substr(0, file.rfind('/'))}});
+    EXPECT_EQ(byFolder->pluginLoader().path(), file);
+    EXPECT_EQ(OpcUaDuvo::entryPointName("Client", "PsRpcSetpowerSync"),
+              "generated_opcua_Client_m2Types_PsRpcSetpowerSync");
+}
+
+TEST_F(TypedHelpers, refuse_with_a_clear_error_what_they_cannot_create) {
+    try {
+        duvo->createDataEntity<NotInModule>();
+        FAIL() << "an entry point that does not exist was found";
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("generated_opcua_DataEntity_m2Types_M2NoSuchType"), std::string::npos)
+            << e.what();
+    }
+
+    // Any file that is not a shared library.
+    const std::string notAPlugin = std::string(::testing::TempDir()) + "/libm2Types-opcua.so";
+    std::FILE* f = std::fopen(notAPlugin.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    std::fputs("not a library", f);
+    std::fclose(f);
+    const auto wrong = std::make_shared<OpcUaDuvo>(OpcUaDuvo::Properties{{"opc.pluginPath", notAPlugin}});
+    try {
+        wrong->createPublisher<m2Types::M2Int32Value0>(psUri("M2Int32Value0"));
+        FAIL() << "loaded " << notAPlugin;
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("cannot load OPC UA plug-in " + notAPlugin), std::string::npos)
+            << e.what();
+    }
+    std::remove(notAPlugin.c_str());
+
+    OpcUaDuvo unshared;
+    EXPECT_THROW(unshared.createPublisher<m2Types::M2Int32Value0>(psUri("M2Int32Value0")), std::logic_error);
+}
+
+} // namespace

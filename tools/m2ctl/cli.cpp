@@ -1,0 +1,237 @@
+#include "cli.hpp"
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <iostream>
+#include <thread>
+
+#include <log4cplus/consoleappender.h>
+#include <log4cplus/initializer.h>
+#include <log4cplus/logger.h>
+#include <log4cplus/nullappender.h>
+
+#include <vesk/duvo/opcua/uriHelper.hpp>
+
+namespace m2ctl {
+
+namespace {
+
+constexpr const char* opcTcp = "opc.tcp://";
+
+/// "-5", "-1.5,2", "-inf": values, not options.
+bool looksNegative(const std::string& word) {
+    if (word.size() < 2 || word[0] != '-') return false;
+    const char c = word[1];
+    return (c >= '0' && c <= '9') || c == '.' || word.rfind("-inf", 0) == 0 || word.rfind("-nan", 0) == 0;
+}
+
+std::vector<po::option> negativeNumbers(std::vector<std::string>& words) {
+    std::vector<po::option> out;
+    if (!words.empty() && looksNegative(words.front())) {
+        po::option positional;
+        positional.value.push_back(words.front());
+        positional.original_tokens.push_back(words.front());
+        out.push_back(positional);
+        words.erase(words.begin());
+    }
+    return out;
+}
+
+std::atomic<bool> stopFlag{false};
+
+extern "C" void onStopSignal(int) { stopFlag.store(true); }
+
+/// The middleware logs through log4cplus; a user sees its warnings only when asking for them,
+/// so that an error is the one line m2ctl prints.
+void configureLogging(bool verbose) {
+    log4cplus::initialize();
+    auto root = log4cplus::Logger::getRoot();
+    root.removeAllAppenders();
+    if (verbose) {
+        root.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::ConsoleAppender(true, true)));
+        root.setLogLevel(log4cplus::WARN_LOG_LEVEL);
+    } else {
+        root.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::NullAppender()));
+        root.setLogLevel(log4cplus::OFF_LOG_LEVEL);
+    }
+}
+
+} // namespace
+
+std::vector<std::string> splitCommas(const std::string& text) {
+    std::vector<std::string> parts;
+    std::size_t start = 0;
+    while (true) {
+        const std::size_t comma = text.find(',', start);
+        std::string part = text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        const auto first = part.find_first_not_of(" \t");
+        const auto last = part.find_last_not_of(" \t");
+        parts.push_back(first == std::string::npos ? std::string() : part.substr(first, last - first + 1));
+        if (comma == std::string::npos) return parts;
+        start = comma + 1;
+    }
+}
+
+std::vector<std::string> valueTokens(const std::vector<std::string>& args) {
+    return args.size() == 1 ? splitCommas(args[0]) : args;
+}
+
+std::string inQuotes(const std::string& text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        switch (c) {
+        case '"':
+            out += "\\\"";
+            break;
+        case '\\':
+            out += "\\\\";
+            break;
+        case '\n':
+            out += "\\n";
+            break;
+        case '\r':
+            out += "\\r";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
+        default:
+            if (static_cast<unsigned char>(c) < 0x20) {
+                char escape[8];
+                std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+                out += escape;
+            } else {
+                out += c;
+            }
+        }
+    }
+    return out + "\"";
+}
+
+std::string isoTime(double seconds) {
+    if (seconds <= 0) return "-";
+    const auto whole = static_cast<std::time_t>(seconds);
+    const int millis = static_cast<int>((seconds - static_cast<double>(whole)) * 1000.0);
+    std::tm utc{};
+    gmtime_r(&whole, &utc);
+    char text[40];
+    const std::size_t n = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
+    std::snprintf(text + n, sizeof text - n, ".%03dZ", millis);
+    return text;
+}
+
+void addCommonOptions(po::options_description& options, Common& common, CommonOptions which) {
+    options.add_options()("help,h", "print this help and exit");
+    if (which.endpoint)
+        options.add_options()("endpoint,e", po::value<std::string>(&common.endpoint)->value_name("URL"),
+                              "the server, opc.tcp://HOST:PORT");
+    if (which.uri)
+        options.add_options()("uri,u", po::value<std::string>(&common.uri)->value_name("URI"),
+                              "the entity's full URI (opcua-ps://... or opcua-rr://...) instead of the "
+                              "simulator's node ids on --endpoint");
+    if (which.timeout)
+        options.add_options()("timeout,t", po::value<long>(&common.timeoutMs)->default_value(3000)->value_name("MS"),
+                              "bound on connecting, writing and reading back");
+    if (which.json) options.add_options()("json,j", po::bool_switch(&common.json), "print JSON for scripts");
+    options.add_options()("verbose,v", "show the middleware's warnings on stderr");
+}
+
+CommandLine parseCommandLine(const std::string& usage, const po::options_description& options, int argc, char** argv) {
+    po::options_description all;
+    all.add(options);
+    all.add_options()("args", po::value<std::vector<std::string>>(), "");
+    po::positional_options_description positional;
+    positional.add("args", -1);
+
+    CommandLine out;
+    // No prefix guessing: --time must not silently mean --timeout or --timestamp.
+    const int style = po::command_line_style::unix_style ^ po::command_line_style::allow_guessing;
+    po::store(po::command_line_parser(argc, argv)
+                  .options(all)
+                  .positional(positional)
+                  .style(style)
+                  .extra_style_parser(&negativeNumbers)
+                  .run(),
+              out.vm);
+    configureLogging(out.vm.count("verbose") > 0);
+    if (out.vm.count("help")) {
+        std::cout << "Usage: " << usage << "\n\n" << options << '\n';
+        out.help = true;
+        return out;
+    }
+    po::notify(out.vm);
+    if (out.vm.count("timeout") && out.vm["timeout"].as<long>() <= 0)
+        throw UsageError("bad timeout: it must be above 0 ms");
+    if (out.vm.count("args")) out.args = out.vm["args"].as<std::vector<std::string>>();
+    return out;
+}
+
+std::string authorityOf(const std::string& endpoint) {
+    const std::string scheme = opcTcp;
+    if (endpoint.size() <= scheme.size() || endpoint.compare(0, scheme.size(), scheme) != 0 ||
+        endpoint.find_first_of("#?, ") != std::string::npos)
+        throw UsageError("bad endpoint " + inQuotes(endpoint) + ": expected opc.tcp://HOST:PORT");
+    return endpoint.substr(scheme.size());
+}
+
+std::string endpointOrDefault(const Common& common) {
+    return common.endpoint.empty() ? defaultEndpoint : common.endpoint;
+}
+
+std::string psUri(const Common& common, const std::string& type) {
+    if (!common.uri.empty()) return common.uri;
+    return "opcua-ps://" + authorityOf(endpointOrDefault(common)) + "#" + variableNodeId(type);
+}
+
+std::string rrUri(const Common& common, const std::string& iface, const std::string& method) {
+    if (!common.uri.empty()) return common.uri;
+    return "opcua-rr://" + authorityOf(endpointOrDefault(common)) + "#" + objectNodeId(iface) + "," +
+           methodNodeId(iface, method);
+}
+
+std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo> makeDuvo(const Common& common,
+                                                               std::map<std::string, std::string> properties) {
+    // A call made before the session is up waits no longer than the command's own bound.
+    properties.emplace("opc.asyncCallSubmitTimeoutMs", std::to_string(common.timeoutMs));
+    return std::make_shared<vesk::duvo::opcua::detail::OpcUaDuvo>(std::move(properties));
+}
+
+void waitForConnection(vesk::duvo::opcua::detail::OpcUaDuvo& duvo, const std::string& uri, long timeoutMs) {
+    waitForEndpoint(duvo, vesk::duvo::opcua::UriHelper::endpointOf(uri), timeoutMs);
+}
+
+void waitForEndpoint(vesk::duvo::opcua::detail::OpcUaDuvo& duvo, const std::string& endpoint, long timeoutMs) {
+    // The entities of this endpoint share this client, so its state is theirs.
+    const auto client = duvo.getClient(endpoint, duvo.properties());
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!client->isConnected()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            throw std::runtime_error("cannot connect to " + endpoint + " within " + std::to_string(timeoutMs) + " ms");
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
+double elapsedMs(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+}
+
+std::string msText(double ms) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f", ms);
+    return text;
+}
+
+void catchStopSignals() {
+    struct sigaction action {};
+    action.sa_handler = &onStopSignal;
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+bool stopRequested() { return stopFlag.load(); }
+
+} // namespace m2ctl

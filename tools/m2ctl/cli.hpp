@@ -1,0 +1,78 @@
+#pragma once
+// What every command shares: option parsing, the endpoint and URIs, the middleware instance,
+// waiting for a connection, and the stop signals.
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <boost/program_options.hpp>
+
+#include <vesk/duvo/opcua/opcuaDuvo.hpp>
+
+#include "values.hpp"
+
+namespace m2ctl {
+
+namespace po = boost::program_options;
+
+/// The port that `m2ctl sim` and m2-sim listen on by default.
+inline constexpr std::uint16_t defaultPort = 4840;
+inline const std::string defaultEndpoint = "opc.tcp://127.0.0.1:4840";
+
+/// Options most commands take.
+struct Common {
+    std::string endpoint;
+    std::string uri;
+    long timeoutMs = 3000;
+    bool json = false;
+};
+
+/// A command's command line once parsed; help is set when --help was asked (and printed).
+struct CommandLine {
+    po::variables_map vm;
+    std::vector<std::string> args;
+    bool help = false;
+};
+
+/// Adds --help, --verbose and, as asked, --endpoint, --uri, --timeout and --json.
+struct CommonOptions {
+    bool endpoint = true;
+    bool uri = true;
+    bool timeout = true;
+    bool json = true;
+};
+void addCommonOptions(po::options_description& options, Common& common, CommonOptions which);
+
+/// Parses argv (from the word after the command on); positional words, negative numbers
+/// included, go to args. Prints the usage for --help. Sets up logging (--verbose).
+CommandLine parseCommandLine(const std::string& usage, const po::options_description& options, int argc, char** argv);
+
+/// "HOST:PORT[/PATH]" of an opc.tcp:// endpoint; UsageError when it is not one.
+std::string authorityOf(const std::string& endpoint);
+/// The endpoint given, or the default one.
+std::string endpointOrDefault(const Common& common);
+/// opcua-ps://HOST:PORT#ns=1;s=<type>, or --uri when given.
+std::string psUri(const Common& common, const std::string& type);
+/// opcua-rr://HOST:PORT#ns=1;s=<iface>,ns=1;s=<iface>.<method>, or --uri when given.
+std::string rrUri(const Common& common, const std::string& iface, const std::string& method);
+
+/// The middleware instance of a command; its properties also bound the calls' submit time.
+std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo> makeDuvo(const Common& common,
+                                                               std::map<std::string, std::string> properties = {});
+/// Waits up to the timeout for a session with the endpoint (or the URI's); throws otherwise.
+void waitForEndpoint(vesk::duvo::opcua::detail::OpcUaDuvo& duvo, const std::string& endpoint, long timeoutMs);
+void waitForConnection(vesk::duvo::opcua::detail::OpcUaDuvo& duvo, const std::string& uri, long timeoutMs);
+
+/// Milliseconds since start, with microseconds.
+double elapsedMs(std::chrono::steady_clock::time_point start);
+/// Milliseconds with two decimals ("0.84"), for tables and JSON.
+std::string msText(double ms);
+
+/// SIGINT and SIGTERM set a flag instead of ending the process (for sub and sim).
+void catchStopSignals();
+bool stopRequested();
+
+} // namespace m2ctl
