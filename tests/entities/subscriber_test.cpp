@@ -14,10 +14,12 @@
 #include <generated/opcua/m2Types/m2Types.hpp>
 
 #include "support/sampleValues.hpp"
+#include "support/makeEntity.hpp"
 #include "support/simulatorFixture.hpp"
 
 namespace {
 
+using duvo::test::make;
 using namespace std::chrono_literals;
 using vesk::duvo::opcua::detail::binding::BindingOf_t;
 using vesk::duvo::opcua::detail::ps::EntityState;
@@ -28,14 +30,6 @@ using vesk::duvo::ps::DataEventFilter;
 using vesk::duvo::ps::InstanceState;
 using PsQoS = std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>;
 using Properties = vesk::duvo::Duvo::Properties;
-
-template <class Entity>
-std::shared_ptr<Entity> make(const std::string& uri, const Properties& properties,
-                             const std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo>& duvo) {
-    auto entity = std::make_shared<Entity>(uri, PsQoS{}, properties, duvo);
-    entity->setState(EntityState::Initialized);
-    return entity;
-}
 
 /// Writes a value of T on the server side, as a device would.
 template <class T>

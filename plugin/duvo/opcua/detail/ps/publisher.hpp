@@ -100,6 +100,9 @@ public:
     void internalPublish(const T& sample, const std::chrono::milliseconds& timeout, std::optional<double> timestamp) {
         this->checkState();
         const ST& binding = obtainImpl<T, ST>(sample, publisherLogger);
+        // A deadline already passed: sending anyway would leave the outcome to thread timing
+        // (a timeout, a success, or "not connected") while the value may still be written.
+        if (timeout.count() < 0) throw vesk::duvo::TimeoutException("timeout when publishing");
         const UA_DataValue* values = binding.getOpcUaDataValues();
         const auto deadline = std::chrono::steady_clock::now() + timeout;
         const auto waitUntil = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(timeout.count());
@@ -143,18 +146,19 @@ public:
 
     void checkWriteResponse(boost::future<WriteResponse>& future) const {
         const WriteResponse response = future.get();
-        const std::string suffix = " Uri:" + this->uri;
+        // Built only for a failure: a good reply must not cost an allocation.
+        const auto suffix = [this] { return " Uri:" + this->uri; };
         const UA_StatusCode service = response->responseHeader.serviceResult;
         if (service != UA_STATUSCODE_GOOD)
-            throw std::runtime_error(publisherId() + ": write returned " + UA_StatusCode_name(service) + suffix);
+            throw std::runtime_error(publisherId() + ": write returned " + UA_StatusCode_name(service) + suffix());
         if (response->resultsSize != this->nodeIds.size())
             throw std::runtime_error(publisherId() + ": write returned " + std::to_string(response->resultsSize) +
-                                     " results, " + "expected " + std::to_string(this->nodeIds.size()) + suffix);
+                                     " results, " + "expected " + std::to_string(this->nodeIds.size()) + suffix());
         for (std::size_t i = 0; i < response->resultsSize; ++i)
             if (response->results[i] != UA_STATUSCODE_GOOD)
                 throw std::runtime_error(publisherId() + ": failed to write to node " +
                                          nodeIdToString(*this->nodeIds[i]) + ": " +
-                                         UA_StatusCode_name(response->results[i]) + suffix);
+                                         UA_StatusCode_name(response->results[i]) + suffix());
     }
 
 private:

@@ -29,6 +29,11 @@ public:
 
     void close() override {
         this->checkState();
+        // Only the caller that moves the state to closed shuts down: two closes racing would
+        // otherwise both destroy the monitor and the poller. The other one is refused.
+        EntityState expected = EntityState::Initialized;
+        if (!this->state.compare_exchange_strong(expected, EntityState::Closed, std::memory_order_acq_rel))
+            this->checkState();
         shutDown();
     }
 
@@ -37,6 +42,9 @@ public:
             shuttingDown = true;
             shutDown();
         }
+        // A close() made from the application's callback returned before the delivery that
+        // called it left the store.
+        gate.drain();
     }
 
     bool hasMonitor() const noexcept { return monitor.has_value(); }
@@ -54,7 +62,7 @@ protected:
           logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.subscriber")) {
         const bool usePoll = getDuvoProperty<bool>(properties, "opc.ps.usePollSubscriber", false);
         const int periodMs = getDuvoProperty<int>(properties, "opc.ps.pollingPeriodMs", 1000);
-        const Sink sink{this};
+        const Sink sink{this, &gate};
         if (usePoll) {
             poller.emplace(sink, this->client, this->nodeIds, periodMs);
         } else {
@@ -77,6 +85,7 @@ private:
 
     log4cplus::Logger logger;
     std::atomic<bool> shuttingDown{false};
+    DeliveryGate gate; // outlives the monitor and the poller, which deliver through it
     std::optional<Monitor> monitor;
     std::optional<Poller> poller;
 };
