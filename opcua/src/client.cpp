@@ -8,6 +8,7 @@
 #include <cstring>
 #include <deque>
 #include <iostream>
+#include <iterator>
 #include <limits>
 #include <mutex>
 #include <optional>
@@ -29,6 +30,7 @@
 #include <vesk/duvo/opcua/uriHelper.hpp>
 
 #include "eventLoopWaker.hpp"
+#include "recycling.hpp"
 
 namespace vesk::duvo::opcua::detail {
 
@@ -155,7 +157,7 @@ struct PendingOf final : Pending {
         default: promise.set_exception(boost::copy_exception(vesk::duvo::DuvoException(message(endpoint)))); break;
         }
     }
-    boost::promise<UaUnique<Resp>> promise;
+    boost::promise<UaUnique<Resp>> promise{boost::allocator_arg, Recycling<char>()};
 };
 
 } // namespace
@@ -257,9 +259,12 @@ private:
     bool inactive_ = false;
     bool connectRequested_ = false;
     std::deque<ConnectionEvent> connectionEvents_; // with the callbacks registered at that moment
-    std::unordered_map<Pending*, std::shared_ptr<Pending>> inflight_;
+    std::unordered_map<Pending*, std::shared_ptr<Pending>, std::hash<Pending*>, std::equal_to<Pending*>,
+                       Recycling<std::pair<Pending* const, std::shared_ptr<Pending>>>>
+        inflight_;
     std::deque<std::shared_ptr<Pending>> queued_;
     std::vector<std::shared_ptr<Pending>> completed_;
+    std::vector<std::shared_ptr<Pending>> fulfilling_; // network thread only
     Clock::time_point plannedWake_ = Clock::time_point::min(); // min: awake
     Subscription sub_;
     std::unordered_map<std::uint64_t, ItemRecord> items_;
@@ -442,11 +447,15 @@ void ClientCore::networkLoop() {
 }
 
 void ClientCore::handleStateChanges() {
-    std::deque<ConnectionEvent> events;
+    // A vector: an empty deque would allocate on every turn of the loop.
+    std::vector<ConnectionEvent> events;
     bool inactive = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        events.swap(connectionEvents_);
+        if (!connectionEvents_.empty()) {
+            events.assign(std::make_move_iterator(connectionEvents_.begin()), std::make_move_iterator(connectionEvents_.end()));
+            connectionEvents_.clear();
+        }
         inactive = std::exchange(inactive_, false);
         if (std::exchange(newSession_, false)) resetMonitoringLocked();
     }
@@ -558,12 +567,13 @@ void ClientCore::expire(Clock::time_point now) {
 }
 
 void ClientCore::fulfilCompleted() {
-    std::vector<std::shared_ptr<Pending>> done;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        done.swap(completed_);
+        if (completed_.empty()) return;
+        fulfilling_.swap(completed_); // both keep their capacity: no allocation per reply
     }
-    for (auto& p : done) p->fulfil(endpoint_);
+    for (auto& p : fulfilling_) p->fulfil(endpoint_);
+    fulfilling_.clear();
 }
 
 UA_UInt32 ClientCore::planWait(Clock::time_point now) {
@@ -609,7 +619,7 @@ void ClientCore::requestWake() {
 template <class Resp>
 boost::future<UaUnique<Resp>> ClientCore::submit(void* request, const UA_DataType* requestType, Clock::time_point submitDeadline,
                                                  Clock::time_point replyDeadline, long replyTimeMs) {
-    auto p = std::make_shared<PendingOf<Resp>>(requestType);
+    auto p = std::allocate_shared<PendingOf<Resp>>(Recycling<PendingOf<Resp>>(), requestType);
     auto future = p->promise.get_future();
     p->submitDeadline = submitDeadline;
     p->replyDeadline = replyDeadline;

@@ -90,6 +90,7 @@ public:
 
     void toVariant(UA_Variant& variant) const noexcept { value0.toVariant(variant); }
     void fromVariant(const char* context, const UA_Variant& variant) { value0.assignFromVariant(context, &variant); }
+    void takeFromVariant(const char* context, UA_Variant& variant) { value0.takeFromVariant(context, &variant); }
 
 private:
     FlexibleSharedArray<E> value0;

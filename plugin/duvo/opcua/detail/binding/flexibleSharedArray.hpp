@@ -74,6 +74,28 @@ public:
         size_ = n;
     }
 
+    /// As assignFromVariant, but the elements of a variant that owns them (a value the stack
+    /// decoded and handed over) become this array's buffer instead of being copied; the
+    /// variant is left without them. Anything else is copied as by assignFromVariant.
+    void takeFromVariant(const char* context, UA_Variant* variant) {
+        EnsureCorrectType(context, *variant, UaTypeOf<E>::type());
+        if (variant->storageType != UA_VARIANT_DATA || variant->arrayLength == 0 ||
+            variant->data <= UA_EMPTY_ARRAY_SENTINEL) {
+            assignFromVariant(context, variant);
+            return;
+        }
+        // Detached first: should the buffer's control block fail to allocate, the deleter has
+        // freed the elements and the variant no longer points at them.
+        E* const elements = static_cast<E*>(variant->data);
+        const std::size_t n = variant->arrayLength;
+        variant->data = nullptr;
+        variant->arrayLength = 0;
+        buffer_ = std::shared_ptr<E>(elements, StackFree());
+        offset_ = 0;
+        size_ = n;
+        capacity_ = n;
+    }
+
     /// Makes the variant a one-dimensional array over the elements, borrowing them.
     void toVariant(UA_Variant& variant) const noexcept {
         variant.type = UaTypeOf<E>::type();
@@ -85,6 +107,11 @@ public:
     }
 
 private:
+    /// Elements the stack allocated go back to its allocator.
+    struct StackFree {
+        void operator()(E* elements) const noexcept { UA_free(elements); }
+    };
+
     static void copyElements(E* to, const E* from, std::size_t n) noexcept {
         if (n == 1)
             *to = *from;

@@ -37,6 +37,15 @@ public:
 
     void setOpcUaDataValues(const UA_DataValue* values) override { field.fromVariant(Self::context, values[0].value); }
 
+    /// As setOpcUaDataValues, for values that the caller owns and gives up: a numeric array
+    /// is taken over instead of copied (and left empty in values).
+    void takeOpcUaDataValues(UA_DataValue* values) {
+        if constexpr (::m2Types::detail::swappable_v<field_type>)
+            field.takeFromVariant(Self::context, values[0].value);
+        else
+            field.fromVariant(Self::context, values[0].value);
+    }
+
     const UA_DataValue* getOpcUaDataValues() const override {
         UA_DataValue_init(&dataValue);
         field.toVariant(dataValue.value);

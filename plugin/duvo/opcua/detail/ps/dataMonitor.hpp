@@ -59,7 +59,7 @@ public:
         const double time = notificationTime(*value);
         auto sample = std::make_unique<ST>();
         try {
-            sample->setOpcUaDataValues(value);
+            fillFromOwnedValues(*sample, value);
         } catch (const std::exception& e) {
             sink.conversionFailed(logger, e.what(), time);
             return;

@@ -1,9 +1,13 @@
 #pragma once
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <boost/asio/post.hpp>
@@ -18,6 +22,22 @@
 #include <vesk/duvo/opcua/uriHelper.hpp>
 
 namespace vesk::duvo::opcua::detail::ps {
+
+template <class ST, class = void>
+struct TakesOwnedValues : std::false_type {};
+template <class ST>
+struct TakesOwnedValues<ST, std::void_t<decltype(std::declval<ST&>().takeOpcUaDataValues(std::declval<UA_DataValue*>()))>>
+    : std::true_type {};
+
+/// Fills a new sample from values that the caller owns and gives up: a binding that can take
+/// numeric arrays over does so rather than copy their elements.
+template <class ST>
+void fillFromOwnedValues(ST& sample, UA_DataValue* values) {
+    if constexpr (TakesOwnedValues<ST>::value)
+        sample.takeOpcUaDataValues(values);
+    else
+        sample.setOpcUaDataValues(values);
+}
 
 /// Reads all nodes of a subscription in one OPC UA read, periodically or when a monitor
 /// triggers it, and delivers the sample when its data time is newer than the last one.
@@ -49,6 +69,14 @@ public:
     /// After this returns no handler of the poller runs any more; a poll in progress on the
     /// I/O thread is waited for (at most its read deadline).
     ~BasicDataPoller() {
+        if (guard->runner.load() == std::this_thread::get_id()) {
+            // Inside one of its own handlers (the application closed the subscriber from a
+            // callback of what this poll delivered): that handler holds the guard already,
+            // and stops once the poll returns.
+            guard->alive = false;
+            timer.cancel();
+            return;
+        }
         std::lock_guard<std::mutex> lock(guard->mutex);
         guard->alive = false;
         timer.cancel();
@@ -100,7 +128,7 @@ public:
             if (lastDataTime == 0.0 || lastDataTime < t) {
                 lastDataTime = t;
                 auto sample = std::make_unique<ST>();
-                sample->setOpcUaDataValues(response->results);
+                fillFromOwnedValues(*sample, response->results);
                 sink.sample(std::move(sample), t);
             }
         } catch (...) {
@@ -115,6 +143,7 @@ private:
     struct Guard {
         std::mutex mutex;
         bool alive = true;
+        std::atomic<std::thread::id> runner{}; // the thread running a handler, under the mutex
     };
 
     /// Wraps a handler so that it runs only while the poller lives, never beside its destructor.
@@ -122,7 +151,10 @@ private:
     auto guarded(F f) {
         return [g = guard, f = std::move(f)](auto&&... args) mutable {
             std::lock_guard<std::mutex> lock(g->mutex);
-            if (g->alive) f(std::forward<decltype(args)>(args)...);
+            if (!g->alive) return;
+            g->runner.store(std::this_thread::get_id());
+            f(std::forward<decltype(args)>(args)...);
+            g->runner.store(std::thread::id());
         };
     }
 
@@ -133,7 +165,9 @@ private:
 
     void onPeriodicPollTimer(const boost::system::error_code& ec) {
         if (ec == boost::asio::error::operation_aborted) return;
+        const std::shared_ptr<Guard> g = guard; // what the poll delivers may destroy the poller
         poll();
+        if (!g->alive) return;
         timer.expires_after(std::chrono::milliseconds(periodMs));
         timer.async_wait(guarded([this](const boost::system::error_code& e) { onPeriodicPollTimer(e); }));
     }

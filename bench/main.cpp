@@ -1,0 +1,526 @@
+// Our publish, call, subscribe and poll paths side by side with a client written against
+// open62541 alone, against one simulator in its own process. The two sides alternate in
+// rounds (the order flips each round) and the table shows medians.
+//
+//   duvo-bench [--rounds N] [--round-ms MS] [--samples N] [--scale N,N,...] [--quick] [--only PREFIX]
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+#include <boost/thread/future.hpp>
+#include <log4cplus/logger.h>
+#include <log4cplus/nullappender.h>
+
+#include <duvo/opcua/detail/ps/dataPoller.hpp>
+#include <generated/opcua/m2Types/m2Types.hpp>
+#include <m2Types/m2Types.hpp>
+#include <vesk/duvo/duvo.hpp>
+#include <vesk/duvo/opcua/opcuaDuvo.hpp>
+
+#include "rawClient.hpp"
+#include "scale.hpp"
+#include "serverProcess.hpp"
+#include "stats.hpp"
+
+namespace duvo::bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+using vesk::duvo::opcua::detail::OpcUaDuvo;
+
+constexpr std::size_t inFlight = 32;
+constexpr auto publishTimeout = 2000ms;
+
+struct Options {
+    int rounds = 5;
+    int roundMs = 300;
+    int samples = 200; // delivery latencies per side and round
+    std::vector<std::size_t> scale{1000, 10000};
+    std::string only; // figures whose name starts with this (for profiling one path)
+};
+
+std::string selfPath() {
+    char path[4096];
+    const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+    if (n <= 0) throw std::runtime_error("cannot find this program's path");
+    return std::string(path, static_cast<std::size_t>(n));
+}
+
+double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+/// Operations per second of op (which returns how many it did) over about ms milliseconds.
+template <class Op>
+double rateOf(Op&& op, int ms) {
+    const auto start = Clock::now();
+    const auto end = start + std::chrono::milliseconds(ms);
+    std::size_t done = 0;
+    do done += op();
+    while (Clock::now() < end);
+    return static_cast<double>(done) / secondsSince(start);
+}
+
+void check(bool ok, const char* what) {
+    if (!ok) throw std::runtime_error(std::string("failed: ") + what);
+}
+
+/// One operation measured on both sides.
+struct Pair {
+    std::size_t figure;
+    std::function<std::size_t()> ours;
+    std::function<std::size_t()> raw;
+};
+
+/// Counts poll results where a subscriber's queue would get them.
+template <class ST>
+struct CountingSink {
+    static constexpr const char* pollerName = "bench poller for nodes";
+    static constexpr bool watchesConnection = false;
+    std::size_t* delivered;
+    void sample(std::unique_ptr<ST>, double) const { ++*delivered; }
+    void pollTimedOut(log4cplus::Logger&, const std::string& m) const { throw std::runtime_error(m); }
+    void pollFailed(log4cplus::Logger&, const std::string& m) const { throw std::runtime_error(m); }
+    void pollThrew() const { throw std::runtime_error("poll threw"); }
+    void conversionFailed(log4cplus::Logger&, const std::string& m, double) const { throw std::runtime_error(m); }
+    void connectionLost() const {}
+};
+
+int benchMain(const Options& options) {
+    const std::string self = selfPath();
+    ServerProcess server(self);
+    const std::string authority = server.authority();
+    const std::string endpoint = server.endpoint();
+    std::printf("server %s (own process); %d rounds of %d ms per side and operation; %zu in flight when pipelined\n",
+                endpoint.c_str(), options.rounds, options.roundMs, inFlight);
+    std::fflush(stdout);
+
+    auto psUri = [&](const std::string& variable) { return "opcua-ps://" + authority + "#ns=1;s=" + variable; };
+    auto rrUri = [&](const std::string& iface, const std::string& method) {
+        return "opcua-rr://" + authority + "#ns=1;s=" + iface + ",ns=1;s=" + iface + "." + method;
+    };
+    auto node = [](const char* id) { return UA_NODEID_STRING(1, const_cast<char*>(id)); };
+
+    // ---- our side, through the loaded plug-in as an application uses it
+    auto duvo = std::make_shared<OpcUaDuvo>(vesk::duvo::Duvo::Properties{{"opc.ps.pollingPeriodMs", "0"}});
+    auto floatPublisher = duvo->createPublisher<m2Types::M2FloatValue0>(psUri("M2FloatValue0"));
+    auto matrixPublisher = duvo->createPublisher<m2Types::M2DoubleMatrix36>(psUri("M2DoubleMatrix36"));
+    auto shortsPublisher = duvo->createPublisher<m2Types::M2Uint16Vector62>(psUri("M2Uint16Vector62"));
+    auto stringsPublisher = duvo->createPublisher<m2Types::M2StringVector15>(psUri("M2StringVector15"));
+
+    std::vector<double> matrix(36);
+    for (std::size_t i = 0; i < matrix.size(); ++i) matrix[i] = 0.25 * static_cast<double>(i);
+    std::vector<UA_UInt16> shorts(62);
+    for (std::size_t i = 0; i < shorts.size(); ++i) shorts[i] = static_cast<UA_UInt16>(i * 7);
+    std::vector<std::string> strings;
+    for (int i = 0; i < 15; ++i) strings.push_back("setpoint-" + std::to_string(1000 + i));
+    const float scalar = 1.5f;
+
+    auto floatSample = floatPublisher->createDataEntity();
+    floatSample->setValue0(scalar);
+    auto matrixSample = matrixPublisher->createDataEntity();
+    matrixSample->setValue0(vesk::duvo::shared_vector<const double>(matrix.begin(), matrix.end()));
+    auto shortsSample = shortsPublisher->createDataEntity();
+    shortsSample->setValue0(vesk::duvo::shared_vector<const unsigned short>(shorts.begin(), shorts.end()));
+    auto stringsSample = stringsPublisher->createDataEntity();
+    stringsSample->setValue0(strings);
+
+    const vesk::duvo::opcua::detail::OpcUaDuvo::RrQoSList replyTime{
+        std::make_shared<vesk::duvo::rr::qos::ReplyTime>(publishTimeout)};
+    auto adsSync = duvo->createClient<m2Types::WhRpcForceSetpointAdsSync>(
+        rrUri("WhRpcForceSetpointAds", "RPC_ForceSetpointAds"), replyTime);
+    auto adsAsync = duvo->createClient<m2Types::WhRpcForceSetpointAdsAsync>(
+        rrUri("WhRpcForceSetpointAds", "RPC_ForceSetpointAds"), replyTime);
+    auto legSync = duvo->createClient<m2Types::PsRpcLegPositionSetpointSync>(
+        rrUri("PsRpcLegPositionSetpoint", "RPC_LegPositionSetpoint"), replyTime);
+    auto legAsync = duvo->createClient<m2Types::PsRpcLegPositionSetpointAsync>(
+        rrUri("PsRpcLegPositionSetpoint", "RPC_LegPositionSetpoint"), replyTime);
+    double forces[15];
+    for (int i = 0; i < 15; ++i) forces[i] = 10.0 + i;
+    const std::vector<double> legValues{0.1, 0.2, 0.3, 0.4, 0.5, 0.6};
+    const vesk::duvo::shared_vector<const double> legs(legValues.begin(), legValues.end());
+
+    auto subscriber = duvo->createSubscriber<m2Types::M2Int32Value0>(psUri("M2Int32Value0"));
+
+    // The poller behind a polling subscriber, driven cycle by cycle.
+    using MatrixBinding = generated::opcua::m2Types::M2DoubleMatrix36;
+    std::size_t polled = 0;
+    const auto pollClient = duvo->getClient(endpoint, duvo->properties());
+    vesk::duvo::opcua::detail::ps::BasicDataPoller<MatrixBinding, CountingSink<MatrixBinding>> poller(
+        CountingSink<MatrixBinding>{&polled}, pollClient,
+        vesk::duvo::opcua::detail::getNodeIds(psUri("M2DoubleMatrix36")), 0);
+
+    // ---- the raw side: the same data, held as a user of open62541 would hold it
+    RawClient raw(endpoint);
+    const UA_NodeId floatNode = node("M2FloatValue0"), matrixNode = node("M2DoubleMatrix36"),
+                    shortsNode = node("M2Uint16Vector62"), stringsNode = node("M2StringVector15"),
+                    int32Node = node("M2Int32Value0");
+    std::vector<UA_String> stringScratch(strings.size());
+    auto stringsVariant = [&] {
+        for (std::size_t i = 0; i < strings.size(); ++i)
+            stringScratch[i] = UA_String{strings[i].size(), reinterpret_cast<UA_Byte*>(strings[i].data())};
+        return borrowedArray(stringScratch.data(), stringScratch.size(), &UA_TYPES[UA_TYPES_STRING]);
+    };
+    auto floatVariant = [&] { return borrowedScalar(&scalar, &UA_TYPES[UA_TYPES_FLOAT]); };
+    auto matrixVariant = [&] { return borrowedArray(matrix.data(), matrix.size(), &UA_TYPES[UA_TYPES_DOUBLE]); };
+    auto shortsVariant = [&] { return borrowedArray(shorts.data(), shorts.size(), &UA_TYPES[UA_TYPES_UINT16]); };
+
+    UA_Variant forceArgs[15];
+    auto forceVariants = [&] {
+        for (int i = 0; i < 15; ++i) forceArgs[i] = borrowedScalar(&forces[i], &UA_TYPES[UA_TYPES_DOUBLE]);
+        return forceArgs;
+    };
+    UA_Variant legArg;
+    auto legVariant = [&] {
+        legArg = borrowedArray(legValues.data(), legValues.size(), &UA_TYPES[UA_TYPES_DOUBLE]);
+        return &legArg;
+    };
+    const UA_NodeId adsObject = node("WhRpcForceSetpointAds"), adsMethod = node("WhRpcForceSetpointAds.RPC_ForceSetpointAds");
+    const UA_NodeId legObject = node("PsRpcLegPositionSetpoint"),
+                    legMethod = node("PsRpcLegPositionSetpoint.RPC_LegPositionSetpoint");
+
+    // Raw monitored item on the subscriber's variable: the callback keeps the last value.
+    UA_Int32 rawLast = 0;
+    bool rawFresh = false;
+    {
+        UA_CreateSubscriptionRequest request = UA_CreateSubscriptionRequest_default();
+        request.requestedPublishingInterval = 0; // as our client asks for a sampling interval of 0
+        const UA_CreateSubscriptionResponse sub = UA_Client_Subscriptions_create(raw.get(), request, nullptr, nullptr, nullptr);
+        check(sub.responseHeader.serviceResult == UA_STATUSCODE_GOOD, "raw subscription");
+        UA_MonitoredItemCreateRequest item = UA_MonitoredItemCreateRequest_default(int32Node);
+        item.requestedParameters.samplingInterval = 0;
+        item.requestedParameters.queueSize = 100;
+        item.requestedParameters.discardOldest = true;
+        struct Last {
+            UA_Int32* value;
+            bool* fresh;
+        };
+        static Last last{&rawLast, &rawFresh};
+        const UA_MonitoredItemCreateResult created = UA_Client_MonitoredItems_createDataChange(
+            raw.get(), sub.subscriptionId, UA_TIMESTAMPSTORETURN_BOTH, item, &last,
+            [](UA_Client*, UA_UInt32, void*, UA_UInt32, void* context, UA_DataValue* value) {
+                if (!value->hasValue || !UA_Variant_hasScalarType(&value->value, &UA_TYPES[UA_TYPES_INT32])) return;
+                auto* l = static_cast<Last*>(context);
+                *l->value = *static_cast<UA_Int32*>(value->value.data);
+                *l->fresh = true;
+            },
+            nullptr);
+        check(created.statusCode == UA_STATUSCODE_GOOD, "raw monitored item");
+    }
+
+    // ---- the figures
+    std::vector<Figure> figures;
+    auto figure = [&](const std::string& name, const std::string& unit, bool higherIsBetter, double target) {
+        figures.push_back(Figure{name, unit, higherIsBetter, target, {}, {}});
+        return figures.size() - 1;
+    };
+    std::vector<Pair> pairs;
+
+    auto publishSync = [&](auto& publisher, auto& sample) {
+        return [&publisher, &sample]() -> std::size_t {
+            publisher->publish(*sample, publishTimeout);
+            return 1;
+        };
+    };
+    auto publishPipelined = [&](auto& publisher, auto& sample) {
+        // The last publish waits; replies come in order, so all the others are answered then.
+        return [&publisher, &sample]() -> std::size_t {
+            for (std::size_t i = 0; i + 1 < inFlight; ++i) publisher->publish(*sample, 0ms);
+            publisher->publish(*sample, publishTimeout);
+            return inFlight;
+        };
+    };
+    auto rawWrite = [&](const UA_NodeId& nodeId, auto makeVariant, std::size_t count) {
+        return [&raw, nodeId, makeVariant, count]() -> std::size_t {
+            check(raw.write(nodeId, makeVariant(), count) == 0, "raw write");
+            return count;
+        };
+    };
+
+    pairs.push_back({figure("publish_sync_scalar", "/s", true, 0.95), publishSync(floatPublisher, floatSample),
+                     rawWrite(floatNode, floatVariant, 1)});
+    pairs.push_back({figure("publish_sync_matrix36", "/s", true, 0.95), publishSync(matrixPublisher, matrixSample),
+                     rawWrite(matrixNode, matrixVariant, 1)});
+    pairs.push_back({figure("publish_sync_uint16x62", "/s", true, 0.95), publishSync(shortsPublisher, shortsSample),
+                     rawWrite(shortsNode, shortsVariant, 1)});
+    pairs.push_back({figure("publish_sync_string15", "/s", true, 0.95), publishSync(stringsPublisher, stringsSample),
+                     rawWrite(stringsNode, stringsVariant, 1)});
+    pairs.push_back({figure("publish_pipelined_scalar", "/s", true, 0.90), publishPipelined(floatPublisher, floatSample),
+                     rawWrite(floatNode, floatVariant, inFlight)});
+    pairs.push_back({figure("publish_pipelined_matrix36", "/s", true, 0.90),
+                     publishPipelined(matrixPublisher, matrixSample), rawWrite(matrixNode, matrixVariant, inFlight)});
+    pairs.push_back({figure("publish_pipelined_uint16x62", "/s", true, 0.90),
+                     publishPipelined(shortsPublisher, shortsSample), rawWrite(shortsNode, shortsVariant, inFlight)});
+    pairs.push_back({figure("publish_pipelined_string15", "/s", true, 0.90),
+                     publishPipelined(stringsPublisher, stringsSample), rawWrite(stringsNode, stringsVariant, inFlight)});
+
+    pairs.push_back({figure("rpc_sync_force_ads15", "/s", true, 0.95),
+                     [&]() -> std::size_t {
+                         check(adsSync->RPC_ForceSetpointAds(forces[14], forces[13], forces[12], forces[11], forces[10],
+                                                             forces[9], forces[8], forces[7], forces[6], forces[5],
+                                                             forces[4], forces[3], forces[2], forces[1], forces[0]),
+                               "RPC_ForceSetpointAds");
+                         return 1;
+                     },
+                     [&]() -> std::size_t {
+                         check(raw.call(adsObject, adsMethod, forceVariants(), 15), "raw ForceSetpointAds");
+                         return 1;
+                     }});
+    pairs.push_back({figure("rpc_sync_leg_array6", "/s", true, 0.95),
+                     [&]() -> std::size_t {
+                         check(legSync->RPC_LegPositionSetpoint(legs), "RPC_LegPositionSetpoint");
+                         return 1;
+                     },
+                     [&]() -> std::size_t {
+                         check(raw.call(legObject, legMethod, legVariant(), 1), "raw LegPositionSetpoint");
+                         return 1;
+                     }});
+    pairs.push_back({figure("rpc_async_force_ads15", "/s", true, 0.90),
+                     [&]() -> std::size_t {
+                         std::vector<boost::future<bool>> replies;
+                         replies.reserve(inFlight);
+                         for (std::size_t i = 0; i < inFlight; ++i)
+                             replies.push_back(adsAsync->RPC_ForceSetpointAds(
+                                 forces[14], forces[13], forces[12], forces[11], forces[10], forces[9], forces[8],
+                                 forces[7], forces[6], forces[5], forces[4], forces[3], forces[2], forces[1], forces[0]));
+                         for (auto& reply : replies) check(reply.get(), "RPC_ForceSetpointAds");
+                         return inFlight;
+                     },
+                     [&]() -> std::size_t {
+                         check(raw.callAsync(adsObject, adsMethod, forceVariants(), 15, inFlight) == 0,
+                               "raw ForceSetpointAds");
+                         return inFlight;
+                     }});
+    pairs.push_back({figure("rpc_async_leg_array6", "/s", true, 0.90),
+                     [&]() -> std::size_t {
+                         std::vector<boost::future<bool>> replies;
+                         replies.reserve(inFlight);
+                         for (std::size_t i = 0; i < inFlight; ++i) replies.push_back(legAsync->RPC_LegPositionSetpoint(legs));
+                         for (auto& reply : replies) check(reply.get(), "RPC_LegPositionSetpoint");
+                         return inFlight;
+                     },
+                     [&]() -> std::size_t {
+                         check(raw.callAsync(legObject, legMethod, legVariant(), 1, inFlight) == 0,
+                               "raw LegPositionSetpoint");
+                         return inFlight;
+                     }});
+
+    // A poll cycle: one read of the node, its checks, and the conversion when the data is newer.
+    std::vector<double> rawPolled;
+    UA_DateTime rawLastTime = 0;
+    pairs.push_back({figure("poll_cycle", "/s", true, 0.95),
+                     [&]() -> std::size_t {
+                         poller.poll();
+                         return 1;
+                     },
+                     [&]() -> std::size_t {
+                         UA_ReadValueId id;
+                         UA_ReadValueId_init(&id);
+                         id.nodeId = matrixNode;
+                         id.attributeId = UA_ATTRIBUTEID_VALUE;
+                         UA_ReadRequest request;
+                         UA_ReadRequest_init(&request);
+                         request.timestampsToReturn = UA_TIMESTAMPSTORETURN_BOTH;
+                         request.nodesToRead = &id;
+                         request.nodesToReadSize = 1;
+                         bool done = false;
+                         struct Context {
+                             bool* done;
+                             std::vector<double>* values;
+                             UA_DateTime* last;
+                         } context{&done, &rawPolled, &rawLastTime};
+                         check(UA_Client_sendAsyncReadRequest(
+                                   raw.get(), &request,
+                                   [](UA_Client*, void* userdata, UA_UInt32, UA_ReadResponse* response) {
+                                       auto* c = static_cast<Context*>(userdata);
+                                       *c->done = true;
+                                       if (response->responseHeader.serviceResult != UA_STATUSCODE_GOOD ||
+                                           response->resultsSize != 1)
+                                           return;
+                                       const UA_DataValue& v = response->results[0];
+                                       if (v.hasStatus && UA_StatusCode_isBad(v.status)) return;
+                                       if (v.hasSourceTimestamp && v.sourceTimestamp <= *c->last && *c->last != 0) return;
+                                       *c->last = v.sourceTimestamp;
+                                       const auto* data = static_cast<const double*>(v.value.data);
+                                       c->values->assign(data, data + v.value.arrayLength);
+                                   },
+                                   &context, nullptr) == UA_STATUSCODE_GOOD,
+                               "raw read");
+                         raw.runUntil([&] { return done; });
+                         return 1;
+                     }});
+
+    auto wanted = [&](const std::string& name) { return name.compare(0, options.only.size(), options.only) == 0; };
+    pairs.erase(std::remove_if(pairs.begin(), pairs.end(), [&](const Pair& p) { return !wanted(figures[p.figure].name); }),
+                pairs.end());
+    const bool measureDelivery = wanted("subscribe_delivery");
+
+    // Warm-up: connections, plug-in, first allocations.
+    for (auto& p : pairs) {
+        rateOf(p.ours, 50);
+        rateOf(p.raw, 50);
+    }
+    // Figures not measured are not shown.
+    std::vector<bool> measured(figures.size(), false);
+    for (const auto& p : pairs) measured[p.figure] = true;
+
+    // Delivery: a write on the server's side until the value is in the application's hands.
+    Figure latency{"subscribe_delivery_median", "us", false, 0.95, {}, {}};
+    Figure latencyTail{"subscribe_delivery_p99", "us", false, 0.0, {}, {}};
+    std::vector<double> oursLatencies, rawLatencies;
+    std::int32_t sequence = 0;
+    auto oursDelivery = [&]() -> double {
+        const std::int32_t expected = ++sequence;
+        const auto start = Clock::now();
+        server.writeInt32("M2Int32Value0", expected);
+        std::vector<std::shared_ptr<vesk::duvo::ps::DataEvent<m2Types::M2Int32Value0>>> events;
+        for (;;) {
+            events.clear();
+            subscriber->readDataEvents(vesk::duvo::ps::DataEventFilter<m2Types::M2Int32Value0>(), events, 1, 2000ms);
+            check(!events.empty(), "a sample within 2 s");
+            if (events[0]->hasValidData() && events[0]->getData()->getValue0() == expected)
+                return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+        }
+    };
+    auto rawDelivery = [&]() -> double {
+        const std::int32_t expected = ++sequence;
+        const auto start = Clock::now();
+        server.writeInt32("M2Int32Value0", expected);
+        raw.runUntil([&] { return rawFresh && rawLast == expected; });
+        rawFresh = false;
+        return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+    };
+    // Drain what the setup left in the queue and in the raw client.
+    for (int i = 0; i < 5; ++i) {
+        oursDelivery();
+        rawDelivery();
+    }
+
+    for (int round = 0; round < options.rounds; ++round) {
+        const bool oursFirst = round % 2 == 0;
+        for (auto& p : pairs) {
+            Figure& f = figures[p.figure];
+            if (oursFirst) {
+                f.ours.push_back(rateOf(p.ours, options.roundMs));
+                f.raw.push_back(rateOf(p.raw, options.roundMs));
+            } else {
+                f.raw.push_back(rateOf(p.raw, options.roundMs));
+                f.ours.push_back(rateOf(p.ours, options.roundMs));
+            }
+        }
+        std::vector<double> o, r;
+        for (int i = 0; measureDelivery && i < options.samples; ++i) {
+            if (oursFirst) {
+                o.push_back(oursDelivery());
+                r.push_back(rawDelivery());
+            } else {
+                r.push_back(rawDelivery());
+                o.push_back(oursDelivery());
+            }
+        }
+        latency.ours.push_back(median(o));
+        latency.raw.push_back(median(r));
+        oursLatencies.insert(oursLatencies.end(), o.begin(), o.end());
+        rawLatencies.insert(rawLatencies.end(), r.begin(), r.end());
+        std::fprintf(stderr, "round %d of %d done\n", round + 1, options.rounds);
+    }
+    latency.oursValue = median(oursLatencies);
+    latency.rawValue = median(rawLatencies);
+    latencyTail.oursValue = percentile(oursLatencies, 0.99);
+    latencyTail.rawValue = percentile(rawLatencies, 0.99);
+    if (measureDelivery) {
+        figures.push_back(latency);
+        figures.push_back(latencyTail);
+    }
+
+    // The poll cycle reads better as a time.
+    for (Figure& f : figures) {
+        if (f.name != "poll_cycle") continue;
+        for (auto* side : {&f.ours, &f.raw})
+            for (double& v : *side) v = 1e6 / v;
+        f.unit = "us";
+        f.higherIsBetter = false;
+    }
+
+    // Scale: a fresh process per count and side, alternating.
+    for (const std::size_t n : wanted("scale") ? options.scale : std::vector<std::size_t>{}) {
+        const std::string prefix = "scale" + std::to_string(n) + "_";
+        Figure creation{prefix + "create", "ms", false, 0.0, {}, {}};
+        Figure memory{prefix + "rss_per_subscriber", "B", false, 0.0, {}, {}};
+        Figure delivery{prefix + "deliver_one_change", "ms", false, 0.0, {}, {}};
+        const int runs = n >= 10000 ? 1 : 3;
+        for (int run = 0; run < runs; ++run) {
+            for (const char* kind : run % 2 == 0 ? std::vector<const char*>{"ours", "raw"} : std::vector<const char*>{"raw", "ours"}) {
+                const ScaleResult r = runScale(self, kind, n, endpoint);
+                const bool ours = std::strcmp(kind, "ours") == 0;
+                (ours ? creation.ours : creation.raw).push_back(r.creationMs);
+                (ours ? memory.ours : memory.raw).push_back(r.bytesPerSubscriber);
+                (ours ? delivery.ours : delivery.raw).push_back(r.deliveryMs);
+            }
+        }
+        figures.push_back(creation);
+        figures.push_back(memory);
+        figures.push_back(delivery);
+    }
+
+    std::vector<Figure> shown;
+    for (std::size_t i = 0; i < figures.size(); ++i)
+        if (i >= measured.size() || measured[i]) shown.push_back(figures[i]);
+    printTable(shown);
+    return 0;
+}
+
+} // namespace
+} // namespace duvo::bench
+
+int main(int argc, char** argv) {
+    using duvo::bench::Options;
+    // A production level; the lines themselves go nowhere, the table is the output.
+    log4cplus::Logger::getRoot().addAppender(log4cplus::SharedAppenderPtr(new log4cplus::NullAppender()));
+    log4cplus::Logger::getRoot().setLogLevel(log4cplus::WARN_LOG_LEVEL);
+    try {
+        std::vector<std::string> args(argv + 1, argv + argc);
+        if (!args.empty() && args[0] == "--serve") return duvo::bench::serveMain();
+        if (args.size() == 4 && args[0] == "--scale-run")
+            return duvo::bench::scaleMain(args[1], std::stoul(args[2]), args[3]);
+        Options options;
+        for (std::size_t i = 0; i < args.size(); ++i) {
+            const bool hasValue = i + 1 < args.size();
+            if (args[i] == "--rounds" && hasValue) options.rounds = std::stoi(args[++i]);
+            else if (args[i] == "--round-ms" && hasValue) options.roundMs = std::stoi(args[++i]);
+            else if (args[i] == "--samples" && hasValue) options.samples = std::stoi(args[++i]);
+            else if (args[i] == "--only" && hasValue) options.only = args[++i];
+            else if (args[i] == "--scale" && hasValue) {
+                options.scale.clear();
+                std::string list = args[++i];
+                for (std::size_t at = 0; at < list.size();) {
+                    const std::size_t comma = std::min(list.find(',', at), list.size());
+                    if (comma > at) options.scale.push_back(std::stoul(list.substr(at, comma - at)));
+                    at = comma + 1;
+                }
+            } else if (args[i] == "--quick") {
+                options.rounds = 2;
+                options.roundMs = 100;
+                options.samples = 50;
+                options.scale = {1000};
+            } else {
+                std::cerr << "usage: duvo-bench [--rounds N] [--round-ms MS] [--samples N] [--scale N,N,...] [--quick]"
+                             " [--only PREFIX]\n";
+                return 2;
+            }
+        }
+        return duvo::bench::benchMain(options);
+    } catch (const std::exception& e) {
+        std::cerr << "duvo-bench: " << e.what() << '\n';
+        return 1;
+    }
+}

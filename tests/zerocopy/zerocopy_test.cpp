@@ -1,0 +1,259 @@
+// A numeric vector travels without our code copying an element: a publish hands the
+// application's own buffer to the stack's encoder, and a received array becomes the sample's
+// buffer as the stack decoded it. A publish costs at most two heap allocations of ours.
+//
+// Allocations of ours are counted with a replaced operator new (open62541 allocates with
+// malloc, so its own allocations are not counted). The server runs as the m2-sim program, so
+// that only the client's allocations are in this process.
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <dlfcn.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <log4cplus/logger.h>
+#include <log4cplus/nullappender.h>
+#include <open62541/client.h>
+#include <open62541/types.h>
+
+#include <duvo/opcua/detail/ps/dataMonitor.hpp>
+#include <generated/opcua/m2Types/m2Types.hpp>
+#include <m2Types/m2Types.hpp>
+#include <vesk/duvo/opcua/opcuaDuvo.hpp>
+
+extern char** environ;
+
+namespace {
+std::atomic<long> allocations{0};
+}
+
+void* operator new(std::size_t n) {
+    allocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* p = std::malloc(n ? n : 1)) return p;
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t n) { return operator new(n); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+
+namespace {
+
+/// What the last write request handed to the stack pointed at.
+std::atomic<const void*> lastWrittenData{nullptr};
+std::atomic<std::size_t> lastWrittenLength{0};
+std::atomic<long> writeRequests{0};
+
+} // namespace
+
+// Sees every request our client hands to open62541, then lets the stack send it.
+extern "C" UA_StatusCode __UA_Client_AsyncService(UA_Client* client, const void* request, const UA_DataType* requestType,
+                                                  UA_ClientAsyncServiceCallback callback, const UA_DataType* responseType,
+                                                  void* userdata, UA_UInt32* requestId) {
+    using Service = UA_StatusCode (*)(UA_Client*, const void*, const UA_DataType*, UA_ClientAsyncServiceCallback,
+                                      const UA_DataType*, void*, UA_UInt32*);
+    static const auto stack = reinterpret_cast<Service>(dlsym(RTLD_NEXT, "__UA_Client_AsyncService"));
+    if (requestType == &UA_TYPES[UA_TYPES_WRITEREQUEST]) {
+        const auto* write = static_cast<const UA_WriteRequest*>(request);
+        if (write->nodesToWriteSize == 1) {
+            lastWrittenData = write->nodesToWrite[0].value.value.data;
+            lastWrittenLength = write->nodesToWrite[0].value.value.arrayLength;
+        }
+        ++writeRequests;
+    }
+    return stack(client, request, requestType, callback, responseType, userdata, requestId);
+}
+
+namespace {
+
+using namespace std::chrono_literals;
+using Matrix = m2Types::M2DoubleMatrix36;
+using MatrixBinding = generated::opcua::m2Types::M2DoubleMatrix36;
+
+/// m2-sim on a free port, stopped with SIGTERM.
+class SimProcess {
+public:
+    SimProcess() {
+        int out[2];
+        if (pipe(out) != 0) throw std::runtime_error("pipe");
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+        posix_spawn_file_actions_addclose(&actions, out[0]);
+        char* argv[] = {const_cast<char*>(M2_SIM_PATH), const_cast<char*>("--port"), const_cast<char*>("0"), nullptr};
+        const int rc = posix_spawn(&pid_, M2_SIM_PATH, &actions, nullptr, argv, environ);
+        posix_spawn_file_actions_destroy(&actions);
+        close(out[1]);
+        if (rc != 0) throw std::runtime_error("cannot start m2-sim");
+        std::string line;
+        char c;
+        while (read(out[0], &c, 1) == 1 && c != '\n') line += c;
+        close(out[0]);
+        if (line.rfind("ready opc.tcp://", 0) != 0) throw std::runtime_error("m2-sim did not start: " + line);
+        authority_ = line.substr(std::strlen("ready opc.tcp://"));
+    }
+    ~SimProcess() {
+        kill(pid_, SIGTERM);
+        int status = 0;
+        waitpid(pid_, &status, 0);
+    }
+    std::string uri(const std::string& variable) const { return "opcua-ps://" + authority_ + "#ns=1;s=" + variable; }
+    std::string endpoint() const { return "opc.tcp://" + authority_; }
+
+private:
+    pid_t pid_ = -1;
+    std::string authority_;
+};
+
+class ZeroCopy : public ::testing::Test {
+public:
+    static void SetUpTestSuite() {
+        log4cplus::Logger::getRoot().addAppender(log4cplus::SharedAppenderPtr(new log4cplus::NullAppender()));
+        sim = new SimProcess();
+    }
+    static void TearDownTestSuite() {
+        delete sim;
+        sim = nullptr;
+    }
+
+protected:
+    static vesk::duvo::shared_vector<const double> matrix(double seed) {
+        vesk::duvo::shared_vector<double> v(36);
+        for (std::size_t i = 0; i < v.size(); ++i) v[i] = seed + 0.5 * static_cast<double>(i);
+        return vesk::duvo::freeze(std::move(v));
+    }
+
+    static SimProcess* sim;
+    std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo> duvo =
+        std::make_shared<vesk::duvo::opcua::detail::OpcUaDuvo>(vesk::duvo::Duvo::Properties{{"opc.ps.pollingPeriodMs", "0"}});
+};
+SimProcess* ZeroCopy::sim = nullptr;
+
+TEST_F(ZeroCopy, publish_hands_the_applications_elements_to_the_encoder_with_at_most_two_allocations) {
+    auto publisher = duvo->createPublisher<Matrix>(sim->uri("M2DoubleMatrix36"));
+    auto sample = publisher->createDataEntity();
+    const auto value = matrix(1.0);
+    sample->setValue0(value);
+    publisher->publish(*sample, 2000ms); // connects and warms up
+
+    // Batches, and the cheapest one counts: the client's connectivity check (a read every
+    // 500 ms) may fall into any single batch.
+    constexpr long perBatch = 50;
+    long fewest = -1;
+    for (int batch = 0; batch < 8; ++batch) {
+        const long before = allocations.load();
+        for (long i = 0; i < perBatch; ++i) publisher->publish(*sample, 2000ms);
+        const long made = allocations.load() - before;
+        if (fewest < 0 || made < fewest) fewest = made;
+        // Every one of them pointed the stack at the application's own elements.
+        EXPECT_EQ(lastWrittenData.load(), static_cast<const void*>(value.data()));
+        EXPECT_EQ(lastWrittenLength.load(), 36u);
+    }
+    EXPECT_LE(fewest, 2 * perBatch) << "allocations of ours per publish: " << double(fewest) / perBatch;
+
+    // A zero-timeout publish takes the same path.
+    const long requests = writeRequests.load();
+    publisher->publish(*sample, 0ms);
+    EXPECT_EQ(writeRequests.load(), requests + 1);
+    EXPECT_EQ(lastWrittenData.load(), static_cast<const void*>(value.data()));
+}
+
+/// Keeps what a monitor delivers.
+struct KeepingSink {
+    static constexpr const char* pollerName = "test poller";
+    static constexpr bool watchesConnection = false;
+    std::vector<std::unique_ptr<MatrixBinding>>* kept;
+    void sample(std::unique_ptr<MatrixBinding> s, double) const { kept->push_back(std::move(s)); }
+    void conversionFailed(log4cplus::Logger&, const std::string& what, double) const { ADD_FAILURE() << what; }
+    void connectionLost() const {}
+    void pollTimedOut(log4cplus::Logger&, const std::string&) const {}
+    void pollFailed(log4cplus::Logger&, const std::string&) const {}
+    void pollThrew() const {}
+};
+
+/// A data value as open62541 hands it to a data-change callback: decoded from the wire.
+UA_DataValue decodedFromWire(const vesk::duvo::shared_vector<const double>& value) {
+    UA_DataValue original;
+    UA_DataValue_init(&original);
+    UA_Variant_setArray(&original.value, const_cast<double*>(value.data()), value.size(), &UA_TYPES[UA_TYPES_DOUBLE]);
+    original.value.storageType = UA_VARIANT_DATA_NODELETE;
+    original.hasValue = true;
+    UA_ByteString wire = UA_BYTESTRING_NULL;
+    if (UA_encodeBinary(&original, &UA_TYPES[UA_TYPES_DATAVALUE], &wire) != UA_STATUSCODE_GOOD)
+        throw std::runtime_error("encode");
+    UA_DataValue decoded;
+    const UA_StatusCode rc = UA_decodeBinary(&wire, &decoded, &UA_TYPES[UA_TYPES_DATAVALUE], nullptr);
+    UA_ByteString_clear(&wire);
+    if (rc != UA_STATUSCODE_GOOD) throw std::runtime_error("decode");
+    return decoded;
+}
+
+TEST_F(ZeroCopy, a_received_array_becomes_the_samples_buffer) {
+    const auto client = duvo->getClient(sim->endpoint(), duvo->properties());
+    std::vector<std::unique_ptr<MatrixBinding>> kept;
+    vesk::duvo::opcua::detail::ps::BasicDataMonitor<MatrixBinding, KeepingSink> monitor(
+        KeepingSink{&kept}, client, {}, 0, nullptr); // no node: only the notifications given here
+
+    const auto value = matrix(7.0);
+    UA_DataValue notification = decodedFromWire(value);
+    const void* decodedElements = notification.value.data;
+    monitor.onMonitoredDataChange(&notification);
+    UA_DataValue_clear(&notification); // what the stack does after the callback
+
+    ASSERT_EQ(kept.size(), 1u);
+    const auto received = kept[0]->getValue0();
+    EXPECT_EQ(static_cast<const void*>(received.data()), decodedElements);
+    EXPECT_TRUE(std::equal(received.begin(), received.end(), value.begin(), value.end()));
+}
+
+TEST_F(ZeroCopy, a_value_the_stack_keeps_is_copied_not_taken) {
+    // A borrowed variant (the stack keeps its memory) must not be adopted.
+    const auto value = matrix(3.0);
+    UA_DataValue borrowed;
+    UA_DataValue_init(&borrowed);
+    UA_Variant_setArray(&borrowed.value, const_cast<double*>(value.data()), value.size(), &UA_TYPES[UA_TYPES_DOUBLE]);
+    borrowed.value.storageType = UA_VARIANT_DATA_NODELETE;
+    borrowed.hasValue = true;
+    MatrixBinding sample;
+    sample.takeOpcUaDataValues(&borrowed);
+    EXPECT_NE(static_cast<const void*>(sample.getValue0().data()), static_cast<const void*>(value.data()));
+    EXPECT_EQ(borrowed.value.data, static_cast<const void*>(value.data()));
+    EXPECT_TRUE(std::equal(value.begin(), value.end(), sample.getValue0().begin()));
+}
+
+TEST_F(ZeroCopy, published_vectors_arrive_whole_at_a_subscriber) {
+    auto publisher = duvo->createPublisher<Matrix>(sim->uri("M2DoubleMatrix36"));
+    auto subscriber = duvo->createSubscriber<Matrix>(sim->uri("M2DoubleMatrix36"));
+    auto sample = publisher->createDataEntity();
+    for (int round = 1; round <= 3; ++round) {
+        const auto value = matrix(100.0 * round);
+        sample->setValue0(value);
+        publisher->publish(*sample, 2000ms);
+        bool seen = false;
+        for (const auto end = std::chrono::steady_clock::now() + 5s; !seen && std::chrono::steady_clock::now() < end;) {
+            std::vector<std::shared_ptr<vesk::duvo::ps::DataEvent<Matrix>>> events;
+            subscriber->readDataEvents(vesk::duvo::ps::DataEventFilter<Matrix>(), events, 1, 500ms);
+            for (const auto& event : events) {
+                if (!event->hasValidData()) continue;
+                const auto got = event->getData()->getValue0();
+                seen = seen || std::equal(got.begin(), got.end(), value.begin(), value.end());
+            }
+        }
+        EXPECT_TRUE(seen) << "round " << round;
+    }
+}
+
+} // namespace
