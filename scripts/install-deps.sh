@@ -24,7 +24,21 @@ PACKAGES=(
     libboost-url1.83-dev libboost-program-options1.83-dev
     liblog4cplus-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
+    clang libclang-rt-14-dev
 )
+# The interop tests' second server runs on Node.js: Debian's own unless one is installed.
+command -v node >/dev/null || PACKAGES+=(nodejs npm)
+
+# node-opcua for those tests, as interop/package-lock.json pins it, when missing or stale.
+interop_modules() {
+    local dir lock
+    dir="$(cd "$(dirname "$0")/.." && pwd)/interop"
+    lock="$dir/node_modules/.package-lock.json"
+    if [ ! -f "$lock" ] || [ "$dir/package-lock.json" -nt "$lock" ]; then
+        echo "install-deps: npm ci in interop/"
+        (cd "$dir" && npm ci --no-audit --no-fund)
+    fi
+}
 
 missing=()
 for p in "${PACKAGES[@]}"; do
@@ -32,6 +46,7 @@ for p in "${PACKAGES[@]}"; do
 done
 if [ ${#missing[@]} -eq 0 ] && [ -f /etc/apt/preferences.d/duvo-opcua.pref ]; then
     echo "install-deps: all packages present"
+    interop_modules
     exit 0
 fi
 echo "install-deps: installing ${missing[*]}"
@@ -94,4 +109,5 @@ if [ -n "$stray" ]; then
     echo "install-deps: packages installed from trixie outside the pin: $stray" >&2
     exit 1
 fi
+interop_modules
 echo "install-deps: done"

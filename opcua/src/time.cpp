@@ -7,8 +7,12 @@ constexpr UA_DateTime unixEpochTicks = 116444736000000000LL;
 }
 
 double unixTimestamp(UA_DateTime sourceTimestamp, UA_UInt16 picoseconds) {
-    // Mirrors the stamping: whole ticks first, then the picoseconds as 1e-5 of a tick.
-    const double ticks = static_cast<double>(sourceTimestamp - unixEpochTicks);
+    // Mirrors the stamping: whole ticks first, then the picoseconds as 1e-5 of a tick. A
+    // server may send any DateTime; one too far back for the exact difference is taken inexactly.
+    UA_DateTime sinceEpoch = 0;
+    const double ticks = __builtin_sub_overflow(sourceTimestamp, unixEpochTicks, &sinceEpoch)
+                             ? static_cast<double>(sourceTimestamp) - static_cast<double>(unixEpochTicks)
+                             : static_cast<double>(sinceEpoch);
     return (ticks + picoseconds * 0.00001) / 1e7;
 }
 

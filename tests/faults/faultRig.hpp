@@ -1,0 +1,252 @@
+#pragma once
+// What the fault suites share: entities of every kind on one endpoint, a device that keeps
+// writing, a record of what each queued subscriber saw, and figures printed at the end.
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <open62541/types.h>
+
+#include <duvo/opcua/detail/ps/mrvSubscriber.hpp>
+#include <duvo/opcua/detail/ps/publisher.hpp>
+#include <duvo/opcua/detail/ps/subscriber.hpp>
+#include <generated/opcua/m2Types/m2Types.hpp>
+#include <generated/opcua/m2Types/rpc.hpp>
+
+#include "support/simulatorFixture.hpp"
+
+namespace duvo::faults {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using vesk::duvo::opcua::detail::OpcUaDuvo;
+using vesk::duvo::opcua::detail::ps::EntityState;
+using vesk::duvo::opcua::detail::ps::OpcUaMrvSubscriber;
+using vesk::duvo::opcua::detail::ps::OpcUaPublisher;
+using vesk::duvo::opcua::detail::ps::OpcUaSubscriber;
+using vesk::duvo::ps::DataEvent;
+using vesk::duvo::ps::DataEventFilter;
+using vesk::duvo::ps::InstanceState;
+using PsQoS = std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>;
+using RrQoS = std::vector<std::shared_ptr<vesk::duvo::rr::qos::QoS>>;
+using Properties = vesk::duvo::Duvo::Properties;
+/// The device's value: subscribers receive it, nobody publishes to it.
+using T = m2Types::M2Int32Value0;
+using ST = generated::opcua::m2Types::M2Int32Value0;
+/// The application's value: publishers write it.
+using P = m2Types::M2FloatVector6;
+using PT = generated::opcua::m2Types::M2FloatVector6;
+using AsyncClient = generated::opcua::m2Types::PsRpcSetpowerAsyncImpl;
+using SyncClient = generated::opcua::m2Types::PsRpcSetpowerSyncImpl;
+
+inline double msSince(Clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+template <class Entity>
+std::shared_ptr<Entity> make(const std::string& uri, const Properties& properties,
+                             const std::shared_ptr<OpcUaDuvo>& duvo) {
+    auto entity = std::make_shared<Entity>(uri, PsQoS{}, properties, duvo);
+    entity->setState(EntityState::Initialized);
+    return entity;
+}
+
+inline RrQoS replyTime(std::chrono::milliseconds ms) {
+    return {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(ms)};
+}
+
+/// A series of measured times, printed as count, median and worst.
+class Figures {
+public:
+    explicit Figures(std::string name) : name_(std::move(name)) {}
+    ~Figures() { print(); }
+    void add(double ms) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        values_.push_back(ms);
+    }
+    double worst() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return values_.empty() ? 0.0 : *std::max_element(values_.begin(), values_.end());
+    }
+    void print() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (values_.empty() || printed_) return;
+        printed_ = true;
+        std::vector<double> sorted = values_;
+        std::sort(sorted.begin(), sorted.end());
+        std::printf("[figures] %-44s n=%-3zu median %8.1f ms  worst %8.1f ms\n", name_.c_str(), sorted.size(),
+                    sorted[sorted.size() / 2], sorted.back());
+        std::fflush(stdout);
+    }
+
+private:
+    std::string name_;
+    mutable std::mutex mutex_;
+    std::vector<double> values_;
+    mutable bool printed_ = false;
+};
+
+/// Writes an increasing counter to M2Int32Value0 every 2 ms, as a device would; writes while
+/// the server is away fail and are skipped.
+class Device {
+public:
+    explicit Device(vesk::duvo::sim::Simulator& sim)
+        : thread_([this, &sim] {
+              while (!stop_.load()) {
+                  std::int32_t value = next_.fetch_add(1);
+                  UA_Variant v;
+                  UA_Variant_setScalar(&v, &value, &UA_TYPES[UA_TYPES_INT32]);
+                  try {
+                      sim.write("M2Int32Value0", v);
+                  } catch (const std::exception&) {
+                      // the server is stopped
+                  }
+                  std::this_thread::sleep_for(2ms);
+              }
+          }) {}
+    ~Device() {
+        stop_ = true;
+        thread_.join();
+    }
+    /// Every value written from now on is at least this.
+    std::int32_t mark() const { return next_.load(); }
+
+private:
+    std::atomic<std::int32_t> next_{1};
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+/// Everything one queued subscriber delivered, read as events (valid and not alive alike).
+class Watched {
+public:
+    Watched(std::string name, std::shared_ptr<vesk::duvo::ps::Subscriber<T>> subscriber)
+        : name(std::move(name)), subscriber_(std::move(subscriber)) {}
+
+    /// Takes what is queued now, waiting at most `wait` for the first event.
+    void pump(std::chrono::milliseconds wait = 0ms) {
+        std::vector<std::shared_ptr<DataEvent<T>>> events;
+        subscriber_->readDataEvents(DataEventFilter<T>(), events, 100000, wait);
+        for (const auto& event : events) {
+            if (event->getInstanceState() == InstanceState::NotAlive) {
+                ++notAlive;
+                if (event->hasValidData()) ++notAliveWithData;
+            } else if (event->hasValidData()) {
+                last = std::max(last, event->getData()->getValue0());
+                ++samples;
+            } else {
+                ++emptyAlive;
+            }
+        }
+    }
+
+    /// Waits until a sample of at least `value` arrives; false when the time is up.
+    bool waitForValue(std::int32_t value, Clock::time_point until) {
+        while (last < value) {
+            if (Clock::now() >= until) return false;
+            pump(20ms);
+        }
+        return true;
+    }
+
+    /// Waits until `count` not-alive events were seen in all; false when the time is up.
+    bool waitForNotAlive(int count, Clock::time_point until) {
+        while (notAlive < count) {
+            if (Clock::now() >= until) return false;
+            pump(20ms);
+        }
+        return true;
+    }
+
+    const std::string name;
+    int notAlive = 0;
+    int notAliveWithData = 0;
+    int emptyAlive = 0;
+    long samples = 0;
+    std::int32_t last = 0;
+
+private:
+    std::shared_ptr<vesk::duvo::ps::Subscriber<T>> subscriber_;
+};
+
+/// Counts outcomes of a stream of requests and keeps every text it was refused with.
+class Outcomes {
+public:
+    void ok() {
+        ++done_;
+        std::lock_guard<std::mutex> lock(mutex_);
+        lastOk_ = Clock::now();
+    }
+    void failed(const std::string& text) {
+        ++failed_;
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (std::find(texts_.begin(), texts_.end(), text) == texts_.end()) texts_.push_back(text);
+    }
+    long done() const { return done_.load(); }
+    long failures() const { return failed_.load(); }
+    /// Waits for a success after `since`; the time from `since` to it in ms, or -1.
+    double firstOkAfter(Clock::time_point since, Clock::time_point until) const {
+        while (Clock::now() < until) {
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                if (lastOk_ > since) return std::chrono::duration<double, std::milli>(lastOk_ - since).count();
+            }
+            std::this_thread::sleep_for(2ms);
+        }
+        return -1;
+    }
+    std::vector<std::string> texts() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return texts_;
+    }
+
+private:
+    std::atomic<long> done_{0};
+    std::atomic<long> failed_{0};
+    mutable std::mutex mutex_;
+    Clock::time_point lastOk_{};
+    std::vector<std::string> texts_;
+};
+
+/// The client's failure texts, each followed by ": " and details.
+inline bool isClientFailure(const std::string& text) {
+    for (const char* prefix : {"timeout: ", "not connected: ", "connection lost: ", "client shut down: "})
+        if (text.rfind(prefix, 0) == 0) return true;
+    return false;
+}
+
+/// Runs `step` over and over on a thread of its own until destroyed.
+class Loop {
+public:
+    template <class Step>
+    explicit Loop(Step step)
+        : thread_([this, step]() mutable {
+              while (!stop_.load()) step();
+          }) {}
+    ~Loop() {
+        stop_ = true;
+        thread_.join();
+    }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+inline PT applicationSample(int seed) {
+    vesk::duvo::shared_vector<float> v(6);
+    for (int i = 0; i < 6; ++i) v[i] = static_cast<float>(seed + i);
+    PT sample;
+    sample.setValue0(vesk::duvo::freeze(std::move(v)));
+    return sample;
+}
+
+} // namespace duvo::faults

@@ -1,0 +1,157 @@
+// A server that answers late or not at all: every wait ends at its own deadline, from many
+// threads at once, and a reply that comes after its deadline harms nothing.
+#include <chrono>
+#include <future>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <vesk/duvo/sim/faultProxy.hpp>
+
+#include "faults/faultRig.hpp"
+
+namespace duvo::faults {
+namespace {
+
+class SlowServer : public duvo::test::SimulatorSuite {
+protected:
+    /// Runs request, which must fail with one of the texts, and checks when it ended.
+    template <class F>
+    void expectRefusedAt(double deadlineMs, const std::vector<std::string>& texts, Figures& figures, F request) {
+        const auto start = Clock::now();
+        std::string text = "(it succeeded)";
+        try {
+            request();
+        } catch (const std::exception& e) {
+            text = e.what();
+        }
+        const double ms = msSince(start);
+        EXPECT_NE(std::find(texts.begin(), texts.end(), text), texts.end()) << text;
+        EXPECT_GE(ms, deadlineMs - 1);
+        EXPECT_LE(ms, deadlineMs + 500) << text;
+        figures.add(ms - deadlineMs);
+    }
+};
+
+TEST_F(SlowServer, deadlines_hold_for_every_request_from_many_threads) {
+    vesk::duvo::sim::FaultProxy proxy(simulator->endpoint());
+    const std::string endpoint = proxy.endpoint();
+    auto publisher =
+        std::make_shared<OpcUaPublisher<P, PT>>(psUri("M2FloatVector6", endpoint), PsQoS{}, Properties{}, duvo);
+    publisher->setState(EntityState::Initialized);
+    const std::string rr = rrUri("PsRpcSetpower", "RPC_SetPower", endpoint);
+    AsyncClient caller50(rr, replyTime(50ms), Properties{}, duvo);
+    AsyncClient caller150(rr, replyTime(150ms), Properties{}, duvo);
+    SyncClient syncCaller(rr, replyTime(200ms), Properties{}, duvo);
+    Watched monitored("monitored",
+                      make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0", endpoint), {{"opc.ps.pollingPeriodMs", "0"}}, duvo));
+    ASSERT_NO_THROW(publisher->publish(applicationSample(1), 5000ms));
+    ASSERT_TRUE(caller50.RPC_SetPower(true).get());
+
+    // Replies take a second: longer than every deadline below, shorter than the connection
+    // check's own timeout, so the session stays up throughout.
+    proxy.delayReplies(1000ms);
+    const std::string noReply = "timeout: no reply from " + endpoint + " before the deadline";
+    Figures publishOver("slow: publish 20..400 ms, overshoot");
+    Figures callOver("slow: async call reply 50/150 ms, overshoot");
+    Figures syncOver("slow: sync call reply 200 ms, overshoot");
+    std::vector<std::future<void>> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.push_back(std::async(std::launch::async, [&, t] {
+            for (int round = 0; round < 3; ++round) {
+                const int timeout = std::vector<int>{20, 50, 100, 250, 400}[(t + round) % 5];
+                expectRefusedAt(timeout, {"timeout when publishing", noReply}, publishOver, [&] {
+                    publisher->publish(applicationSample(t), std::chrono::milliseconds(timeout));
+                });
+                AsyncClient& caller = (t + round) % 2 ? caller150 : caller50;
+                expectRefusedAt((t + round) % 2 ? 150 : 50, {noReply}, callOver, [&] { caller.RPC_SetPower(true).get(); });
+                expectRefusedAt(200, {"timeout when waiting for data", noReply}, syncOver,
+                                [&] { syncCaller.RPC_SetPower(true); });
+            }
+        }));
+    for (auto& thread : threads) thread.get();
+
+    // The late replies arrive after their requests were given up: the session survives them.
+    proxy.passThrough();
+    std::this_thread::sleep_for(1200ms);
+    EXPECT_NO_THROW(publisher->publish(applicationSample(2), 2000ms));
+    EXPECT_TRUE(caller150.RPC_SetPower(true).get());
+    monitored.pump();
+    EXPECT_EQ(monitored.notAlive, 0) << "a late reply cost the connection";
+}
+
+TEST_F(SlowServer, a_slow_method_answers_within_its_deadline_or_times_out) {
+    const std::string rr = rrUri("PsRpcSetpower", "RPC_SetPower");
+    AsyncClient patient(rr, replyTime(2000ms), Properties{}, duvo);
+    AsyncClient hasty(rr, replyTime(60ms), Properties{}, duvo);
+    ASSERT_TRUE(patient.RPC_SetPower(true).get());
+    vesk::duvo::sim::Reply slow;
+    slow.delay = 200ms;
+    simulator->setReply(slow);
+
+    const auto start = Clock::now();
+    EXPECT_TRUE(patient.RPC_SetPower(true).get());
+    EXPECT_GE(msSince(start), 199);
+
+    Figures over("slow method: call reply 60 ms, overshoot");
+    for (int i = 0; i < 3; ++i)
+        expectRefusedAt(60, {"timeout: no reply from " + simulator->endpoint() + " before the deadline"}, over,
+                        [&] { hasty.RPC_SetPower(true).get(); });
+    simulator->setReply(vesk::duvo::sim::Reply{});
+    std::this_thread::sleep_for(700ms); // the held replies drain
+    EXPECT_TRUE(hasty.RPC_SetPower(true).get());
+}
+
+TEST_F(SlowServer, application_waits_end_at_their_timeouts) {
+    // Nothing is written: every wait runs to its end.
+    auto subscriber = make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0"), {{"opc.ps.pollingPeriodMs", "0"}}, duvo);
+    std::this_thread::sleep_for(300ms);
+    subscriber->read(0); // the initial value
+    Figures over("idle: readDataEvents/poll 100..300 ms, overshoot");
+    for (int timeout : {100, 300}) {
+        const auto start = Clock::now();
+        std::vector<std::shared_ptr<DataEvent<T>>> events;
+        subscriber->readDataEvents(DataEventFilter<T>(), events, 1, std::chrono::milliseconds(timeout));
+        EXPECT_TRUE(events.empty());
+        double ms = msSince(start);
+        EXPECT_GE(ms, timeout - 1);
+        EXPECT_LE(ms, timeout + 500);
+        over.add(ms - timeout);
+
+        const auto pollStart = Clock::now();
+        EXPECT_EQ(subscriber->poll(1, std::chrono::milliseconds(timeout)), 0u);
+        ms = msSince(pollStart);
+        EXPECT_GE(ms, timeout - 1);
+        EXPECT_LE(ms, timeout + 500);
+        over.add(ms - timeout);
+    }
+}
+
+TEST_F(SlowServer, an_unanswered_poll_ends_at_its_period_and_does_not_hold_up_close) {
+    vesk::duvo::sim::FaultProxy proxy(simulator->endpoint());
+    Device device(*simulator);
+    auto subscriber = make<OpcUaSubscriber<T, ST>>(
+        psUri("M2Int32Value0", proxy.endpoint()), {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "300"}},
+        duvo);
+    Watched polled("polled", subscriber);
+    ASSERT_TRUE(polled.waitForValue(1, Clock::now() + 10s));
+    proxy.blackhole();
+    const auto cut = Clock::now();
+    // At worst a poll starts just before the cut and times out a period later.
+    ASSERT_TRUE(polled.waitForNotAlive(1, cut + 10s));
+    const double noticed = msSince(cut);
+    std::printf("[figures] unanswered poll (period 300 ms) reported after %.1f ms\n", noticed);
+    EXPECT_LE(noticed, 2 * 300 + 500);
+
+    std::this_thread::sleep_for(350ms); // the next poll is now waiting
+    const auto start = Clock::now();
+    subscriber->close();
+    const double closing = msSince(start);
+    std::printf("[figures] close during an unanswered poll took %.1f ms\n", closing);
+    EXPECT_LE(closing, 300 + 500);
+    proxy.passThrough();
+}
+
+} // namespace
+} // namespace duvo::faults

@@ -1,0 +1,244 @@
+#pragma once
+// A plain open62541 client, apart from the plug-in's: the tests read what reached a server,
+// write as a device would, and look at its address space with it. Synchronous, one thread.
+#include <cstdint>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <open62541/client.h>
+#include <open62541/client_config_default.h>
+#include <open62541/client_highlevel.h>
+#include <open62541/plugin/log_stdout.h>
+
+#include <m2Types/m2Types.hpp>
+#include <vesk/duvo/sim/ownedVariant.hpp>
+
+namespace duvo::interop {
+
+using vesk::duvo::sim::OwnedVariant;
+
+inline UA_NodeId stringNode(const std::string& id) {
+    return UA_NODEID_STRING(1, const_cast<char*>(id.c_str()));
+}
+
+/// The OPC UA type that carries an element type.
+template <class E>
+const UA_DataType* uaTypeOf() {
+    if constexpr (std::is_same_v<E, bool>) return &UA_TYPES[UA_TYPES_BOOLEAN];
+    else if constexpr (std::is_same_v<E, signed char>) return &UA_TYPES[UA_TYPES_SBYTE];
+    else if constexpr (std::is_same_v<E, unsigned char>) return &UA_TYPES[UA_TYPES_BYTE];
+    else if constexpr (std::is_same_v<E, short>) return &UA_TYPES[UA_TYPES_INT16];
+    else if constexpr (std::is_same_v<E, unsigned short>) return &UA_TYPES[UA_TYPES_UINT16];
+    else if constexpr (std::is_same_v<E, int>) return &UA_TYPES[UA_TYPES_INT32];
+    else if constexpr (std::is_same_v<E, unsigned int>) return &UA_TYPES[UA_TYPES_UINT32];
+    else if constexpr (std::is_same_v<E, unsigned long>) return &UA_TYPES[UA_TYPES_UINT64];
+    else if constexpr (std::is_same_v<E, float>) return &UA_TYPES[UA_TYPES_FLOAT];
+    else if constexpr (std::is_same_v<E, double>) return &UA_TYPES[UA_TYPES_DOUBLE];
+    else {
+        static_assert(std::is_same_v<E, std::string>);
+        return &UA_TYPES[UA_TYPES_STRING];
+    }
+}
+
+/// A field value as the OPC UA value that carries it (deep copy).
+template <class T>
+OwnedVariant variantOf(const typename T::value_type& value) {
+    using Field = typename T::field_type;
+    using E = typename Field::element_type;
+    UA_Variant v;
+    UA_Variant_init(&v);
+    if constexpr (std::is_same_v<E, std::string>) {
+        if constexpr (Field::isVector) {
+            std::vector<UA_String> strings;
+            for (const auto& s : value) strings.push_back({s.size(), (UA_Byte*)s.data()});
+            UA_Variant_setArray(&v, strings.data(), strings.size(), uaTypeOf<E>());
+            return OwnedVariant(v);
+        } else {
+            UA_String s{value.size(), (UA_Byte*)value.data()};
+            UA_Variant_setScalar(&v, &s, uaTypeOf<E>());
+            return OwnedVariant(v);
+        }
+    } else if constexpr (Field::isVector) {
+        UA_Variant_setArray(&v, const_cast<E*>(value.data()), value.size(), uaTypeOf<E>());
+        return OwnedVariant(v);
+    } else {
+        E copy = value;
+        UA_Variant_setScalar(&v, &copy, uaTypeOf<E>());
+        return OwnedVariant(v);
+    }
+}
+
+/// The field value that an OPC UA value carries; throws when its type is not the field's.
+template <class T>
+typename T::value_type valueOf(const UA_Variant& v) {
+    using Field = typename T::field_type;
+    using E = typename Field::element_type;
+    if (v.type != uaTypeOf<E>())
+        throw std::runtime_error(std::string("expected ") + uaTypeOf<E>()->typeName + ", received " +
+                                 (v.type ? v.type->typeName : "no value"));
+    const auto element = [&](std::size_t i) -> E {
+        if constexpr (std::is_same_v<E, std::string>) {
+            const auto& s = static_cast<const UA_String*>(v.data)[i];
+            return std::string(reinterpret_cast<const char*>(s.data), s.length);
+        } else {
+            return static_cast<const E*>(v.data)[i];
+        }
+    };
+    if constexpr (Field::isVector) {
+        const std::size_t n = UA_Variant_isScalar(&v) ? 0 : v.arrayLength;
+        if constexpr (std::is_same_v<E, std::string>) {
+            std::vector<std::string> out;
+            for (std::size_t i = 0; i < n; ++i) out.push_back(element(i));
+            return out;
+        } else {
+            vesk::duvo::shared_vector<E> out(n);
+            for (std::size_t i = 0; i < n; ++i) out[i] = element(i);
+            return vesk::duvo::freeze(std::move(out));
+        }
+    } else {
+        if (!UA_Variant_isScalar(&v)) throw std::runtime_error("expected a scalar, received an array");
+        return element(0);
+    }
+}
+
+class RawClient {
+public:
+    explicit RawClient(const std::string& endpoint) : client_(newClient()) {
+        check(UA_Client_connect(client_, endpoint.c_str()), "connect to " + endpoint);
+    }
+    ~RawClient() {
+        UA_Client_disconnect(client_);
+        UA_Client_delete(client_);
+    }
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+
+    OwnedVariant read(const std::string& id) { return read(stringNode(id)); }
+    OwnedVariant read(const UA_NodeId& node) {
+        UA_Variant v;
+        UA_Variant_init(&v);
+        check(UA_Client_readValueAttribute(client_, node, &v), "read " + text(node));
+        return OwnedVariant::adopt(v);
+    }
+
+    /// The status of a write of the Value attribute.
+    UA_StatusCode write(const std::string& id, const UA_Variant& value) {
+        return UA_Client_writeValueAttribute(client_, stringNode(id), &value);
+    }
+
+    /// One attribute as a data value, with the status the server gave it.
+    UA_DataValue readAttribute(const UA_NodeId& node, UA_AttributeId attribute) {
+        UA_ReadValueId id;
+        UA_ReadValueId_init(&id);
+        id.nodeId = node;
+        id.attributeId = attribute;
+        UA_ReadRequest request;
+        UA_ReadRequest_init(&request);
+        request.nodesToRead = &id;
+        request.nodesToReadSize = 1;
+        request.timestampsToReturn = UA_TIMESTAMPSTORETURN_BOTH;
+        UA_ReadResponse response = UA_Client_Service_read(client_, request);
+        UA_DataValue out;
+        UA_DataValue_init(&out);
+        if (response.responseHeader.serviceResult != UA_STATUSCODE_GOOD) {
+            out.hasStatus = true;
+            out.status = response.responseHeader.serviceResult;
+        } else if (response.resultsSize == 1) {
+            UA_DataValue_copy(&response.results[0], &out);
+        }
+        UA_ReadResponse_clear(&response);
+        return out;
+    }
+
+    /// The targets of the references of one type from a node, as text ("ns=1;s=...").
+    std::vector<std::string> browse(const UA_NodeId& node, std::uint32_t referenceType, bool inverse = false) {
+        UA_BrowseDescription description;
+        UA_BrowseDescription_init(&description);
+        description.nodeId = node;
+        description.browseDirection = inverse ? UA_BROWSEDIRECTION_INVERSE : UA_BROWSEDIRECTION_FORWARD;
+        description.referenceTypeId = UA_NODEID_NUMERIC(0, referenceType);
+        description.includeSubtypes = false;
+        description.resultMask = UA_BROWSERESULTMASK_ALL;
+        UA_BrowseRequest request;
+        UA_BrowseRequest_init(&request);
+        request.nodesToBrowse = &description;
+        request.nodesToBrowseSize = 1;
+        UA_BrowseResponse response = UA_Client_Service_browse(client_, request);
+        std::vector<std::string> out;
+        if (response.responseHeader.serviceResult == UA_STATUSCODE_GOOD && response.resultsSize == 1)
+            for (std::size_t i = 0; i < response.results[0].referencesSize; ++i)
+                out.push_back(text(response.results[0].references[i].nodeId.nodeId));
+        UA_BrowseResponse_clear(&response);
+        return out;
+    }
+
+    /// The node that a property of a node has by browse name ("InputArguments").
+    UA_NodeId property(const UA_NodeId& node, const std::string& name) {
+        UA_RelativePathElement element;
+        UA_RelativePathElement_init(&element);
+        element.referenceTypeId = UA_NODEID_NUMERIC(0, UA_NS0ID_HASPROPERTY);
+        element.targetName = UA_QUALIFIEDNAME(0, const_cast<char*>(name.c_str()));
+        UA_BrowsePath path;
+        UA_BrowsePath_init(&path);
+        path.startingNode = node;
+        path.relativePath.elements = &element;
+        path.relativePath.elementsSize = 1;
+        UA_TranslateBrowsePathsToNodeIdsRequest request;
+        UA_TranslateBrowsePathsToNodeIdsRequest_init(&request);
+        request.browsePaths = &path;
+        request.browsePathsSize = 1;
+        UA_TranslateBrowsePathsToNodeIdsResponse response =
+            UA_Client_Service_translateBrowsePathsToNodeIds(client_, request);
+        UA_NodeId out = UA_NODEID_NULL;
+        if (response.resultsSize == 1 && response.results[0].targetsSize >= 1)
+            UA_NodeId_copy(&response.results[0].targets[0].targetId.nodeId, &out);
+        UA_TranslateBrowsePathsToNodeIdsResponse_clear(&response);
+        return out;
+    }
+
+    /// One method call; the status of its result (or of the service).
+    UA_StatusCode call(const std::string& object, const std::string& method, const std::vector<OwnedVariant>& inputs,
+                       OwnedVariant* output = nullptr) {
+        std::vector<UA_Variant> in;
+        for (const auto& v : inputs) in.push_back(*v);
+        std::size_t outSize = 0;
+        UA_Variant* out = nullptr;
+        const UA_StatusCode status = UA_Client_call(client_, stringNode(object), stringNode(method), in.size(),
+                                                    in.data(), &outSize, &out);
+        if (output && outSize > 0) *output = OwnedVariant(out[0]);
+        UA_Array_delete(out, outSize, &UA_TYPES[UA_TYPES_VARIANT]);
+        return status;
+    }
+
+    static std::string text(const UA_NodeId& node) {
+        UA_String s = UA_STRING_NULL;
+        UA_NodeId_print(&node, &s);
+        std::string out(reinterpret_cast<const char*>(s.data), s.length);
+        UA_String_clear(&s);
+        return out;
+    }
+
+private:
+    // UA_Client_new() would log every socket at INFO: give the configuration a quiet logger first.
+    static UA_Client* newClient() {
+        UA_ClientConfig config;
+        std::memset(&config, 0, sizeof config);
+        config.logging = UA_Log_Stdout_new(UA_LOGLEVEL_ERROR);
+        UA_ClientConfig_setDefault(&config);
+        config.timeout = 5000;
+        UA_Client* client = UA_Client_newWithConfig(&config);
+        if (!client) throw std::runtime_error("cannot create an OPC UA client");
+        return client;
+    }
+
+    static void check(UA_StatusCode status, const std::string& what) {
+        if (status != UA_STATUSCODE_GOOD) throw std::runtime_error(what + ": " + UA_StatusCode_name(status));
+    }
+
+    UA_Client* client_;
+};
+
+} // namespace duvo::interop
