@@ -15,4 +15,6 @@ case "${1:-}" in
 esac
 
 scripts/install-deps.sh
+# The setup installs node-opcua, so its interop tests must run, not skip.
+export DUVO_REQUIRE_INTEROP=1
 cmake --workflow --preset "$preset"
