@@ -141,7 +141,12 @@ public:
         }
         if (future.wait_until(waitUntil) != boost::future_status::ready)
             throw vesk::duvo::TimeoutException("timeout when publishing");
-        checkWriteResponse(future);
+        try {
+            checkWriteResponse(future);
+        } catch (const vesk::duvo::TimeoutException&) {
+            // The client's deadline is the same instant as ours and may fire first.
+            throw vesk::duvo::TimeoutException("timeout when publishing");
+        }
     }
 
     void checkWriteResponse(boost::future<WriteResponse>& future) const {

@@ -35,6 +35,12 @@ public:
             const auto deadline = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(*replyTimeout);
             if (future.wait_until(deadline) != boost::future_status::ready)
                 throw vesk::duvo::TimeoutException("timeout when waiting for data");
+            try {
+                return future.get();
+            } catch (const vesk::duvo::TimeoutException&) {
+                // The call's own deadline is the same instant as ours and may fire first.
+                throw vesk::duvo::TimeoutException("timeout when waiting for data");
+            }
         }
         return future.get();
     }
