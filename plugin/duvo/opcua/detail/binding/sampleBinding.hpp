@@ -47,10 +47,16 @@ public:
     }
 
     const UA_DataValue* getOpcUaDataValues() const override {
-        UA_DataValue_init(&dataValue);
-        field.toVariant(dataValue.value);
-        dataValue.hasValue = true;
+        writeOpcUaDataValues(&dataValue);
         return &dataValue;
+    }
+
+    /// The values, borrowing the sample's memory, written into the caller's storage: threads
+    /// that publish one sample at the same time share nothing.
+    void writeOpcUaDataValues(UA_DataValue* values) const noexcept {
+        UA_DataValue_init(&values[0]);
+        field.toVariant(values[0].value);
+        values[0].hasValue = true;
     }
 
     void copy(const T& other) override { field.set(other.getValue0()); }

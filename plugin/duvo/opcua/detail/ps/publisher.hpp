@@ -9,6 +9,8 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <boost/thread/future.hpp>
@@ -26,6 +28,24 @@ namespace vesk::duvo::opcua::detail::ps {
 
 template <class T, class ST>
 class OpcUaInstancePublisher;
+/// The sample's values in the caller's storage. A binding that can write them there shares
+/// no state between threads that publish one sample; others hand out their own copy.
+template <class ST, class = void>
+struct WritesValuesInto : std::false_type {};
+template <class ST>
+struct WritesValuesInto<ST, std::void_t<decltype(std::declval<const ST&>().writeOpcUaDataValues(
+                                std::declval<UA_DataValue*>()))>> : std::true_type {};
+
+template <class ST>
+void writeValuesOf(const ST& binding, UA_DataValue* values) {
+    if constexpr (WritesValuesInto<ST>::value) {
+        binding.writeOpcUaDataValues(values);
+    } else {
+        const UA_DataValue* own = binding.getOpcUaDataValues();
+        for (std::size_t i = 0; i < ST::fieldCount; ++i) values[i] = own[i]; // shallow: borrows
+    }
+}
+
 template <class T, class ST>
 class OpcUaPublisherDelegator;
 
@@ -103,7 +123,8 @@ public:
         // A deadline already passed: sending anyway would leave the outcome to thread timing
         // (a timeout, a success, or "not connected") while the value may still be written.
         if (timeout.count() < 0) throw vesk::duvo::TimeoutException("timeout when publishing");
-        const UA_DataValue* values = binding.getOpcUaDataValues();
+        UA_DataValue values[ST::fieldCount];
+        writeValuesOf(binding, values);
         const auto deadline = std::chrono::steady_clock::now() + timeout;
         const auto waitUntil = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(timeout.count());
 
