@@ -13,52 +13,52 @@
 
 namespace vesk::duvo::sim::detail {
 
-struct VariableSpec {
+struct VariableNode {
     const char* name;
     const UA_DataType* type;
     bool vector;
     std::size_t nominalLength;
 };
 
-struct ArgumentSpec {
+struct ArgumentNode {
     const UA_DataType* type;
     bool array;
 };
 
-struct MethodSpec {
+struct MethodNode {
     const char* iface;
     std::string method;
-    std::vector<ArgumentSpec> arguments;
+    std::vector<ArgumentNode> arguments;
 };
 
 /// One OPC UA argument per parameter: a scalar, or one array for a shared vector.
 template <class P>
 struct ArgumentOf {
-    static ArgumentSpec get() { return {opcua::detail::binding::UaTypeOf<P>::type(), false}; }
+    static ArgumentNode get() { return {opcua::detail::binding::UaTypeOf<P>::type(), false}; }
 };
 template <class E>
 struct ArgumentOf<vesk::duvo::shared_vector<const E>> {
-    static ArgumentSpec get() { return {opcua::detail::binding::UaTypeOf<E>::type(), true}; }
+    static ArgumentNode get() { return {opcua::detail::binding::UaTypeOf<E>::type(), true}; }
 };
 
 template <class... P>
-std::vector<ArgumentSpec> argumentsOf() {
+std::vector<ArgumentNode> argumentsOf() {
     return {ArgumentOf<P>::get()...};
 }
 
-inline const std::vector<VariableSpec>& variableSpecs() {
+inline const std::vector<VariableNode>& variableNodes() {
 #define DUVO_SIM_VARIABLE(Name, Shape, Element, Nominal) \
     {#Name, opcua::detail::binding::UaTypeOf<Element>::type(), m2Types::Shape<Element>::isVector, Nominal},
-    static const std::vector<VariableSpec> specs{M2TYPES_DATA_CATALOGUE(DUVO_SIM_VARIABLE)};
+    static const std::vector<VariableNode> nodes{M2TYPES_DATA_CATALOGUE(DUVO_SIM_VARIABLE)};
 #undef DUVO_SIM_VARIABLE
-    return specs;
+    return nodes;
 }
 
-inline const std::vector<MethodSpec>& methodSpecs() {
+inline const std::vector<MethodNode>& methodNodes() {
 #define DUVO_SIM_METHOD(Iface, Method, ...) {#Iface, "RPC_" #Method, argumentsOf<__VA_ARGS__>()},
-    static const std::vector<MethodSpec> specs{M2TYPES_INTERFACE_CATALOGUE(DUVO_SIM_METHOD)};
+    static const std::vector<MethodNode> nodes{M2TYPES_INTERFACE_CATALOGUE(DUVO_SIM_METHOD)};
 #undef DUVO_SIM_METHOD
-    return specs;
+    return nodes;
 }
 
 } // namespace vesk::duvo::sim::detail

@@ -66,17 +66,17 @@ UA_Byte accessLevel(bool writable) {
 }
 
 /// Zero, the empty string, or the nominal length of those.
-OwnedVariant initialValue(const detail::VariableSpec& spec) {
+OwnedVariant initialValue(const detail::VariableNode& def) {
     UA_Variant v;
     UA_Variant_init(&v);
-    if (spec.vector) {
-        void* data = UA_Array_new(spec.nominalLength, spec.type);
+    if (def.vector) {
+        void* data = UA_Array_new(def.nominalLength, def.type);
         if (!data) throw std::bad_alloc();
-        UA_Variant_setArray(&v, data, spec.nominalLength, spec.type);
+        UA_Variant_setArray(&v, data, def.nominalLength, def.type);
     } else {
-        void* data = UA_new(spec.type);
+        void* data = UA_new(def.type);
         if (!data) throw std::bad_alloc();
-        UA_Variant_setScalar(&v, data, spec.type);
+        UA_Variant_setScalar(&v, data, def.type);
     }
     return OwnedVariant::adopt(v);
 }
@@ -134,7 +134,7 @@ void noop(UA_Server*, void*) {}
 struct Simulator::Impl {
     struct VariableState {
         Impl* owner;
-        const detail::VariableSpec* spec;
+        const detail::VariableNode* def;
         std::string name;
         std::size_t clientWrites = 0;
         bool writable = true;
@@ -142,7 +142,7 @@ struct Simulator::Impl {
 
     struct InterfaceState {
         Impl* owner;
-        const detail::MethodSpec* spec;
+        const detail::MethodNode* def;
         std::string name;
         std::string methodNode;
         Reply reply;
@@ -150,9 +150,9 @@ struct Simulator::Impl {
     };
 
     explicit Impl(Options o) : options(std::move(o)), port(options.port) {
-        for (const auto& spec : detail::variableSpecs()) variables.push_back({this, &spec, spec.name});
-        for (const auto& spec : detail::methodSpecs())
-            interfaces.push_back({this, &spec, spec.iface, std::string(spec.iface) + "." + spec.method, {}, {}});
+        for (const auto& def : detail::variableNodes()) variables.push_back({this, &def, def.name});
+        for (const auto& def : detail::methodNodes())
+            interfaces.push_back({this, &def, def.iface, std::string(def.iface) + "." + def.method, {}, {}});
     }
 
     VariableState& variable(const std::string& name) {
@@ -272,11 +272,11 @@ void Simulator::Impl::animate(UA_Server* server, void* data) {
 void Simulator::Impl::addVariables(UA_Server* s) {
     const UA_NodeId objects = UA_NODEID_NUMERIC(0, UA_NS0ID_OBJECTSFOLDER);
     for (auto& state : variables) {
-        const OwnedVariant initial = initialValue(*state.spec);
+        const OwnedVariant initial = initialValue(*state.def);
         UA_VariableAttributes attr = UA_VariableAttributes_default;
         attr.displayName = text(state.name);
-        attr.dataType = state.spec->type->typeId;
-        if (state.spec->vector) {
+        attr.dataType = state.def->type->typeId;
+        if (state.def->vector) {
             attr.valueRank = UA_VALUERANK_ONE_DIMENSION;
             attr.arrayDimensions = anyLength;
             attr.arrayDimensionsSize = 1;
@@ -310,15 +310,15 @@ void Simulator::Impl::addMethods(UA_Server* s) {
                                       objectAttr, nullptr, nullptr),
               "cannot add object " + state.name);
 
-        const auto& specArgs = state.spec->arguments;
-        std::vector<std::string> names(specArgs.size());
-        std::vector<UA_Argument> inputs(specArgs.size());
-        for (std::size_t i = 0; i < specArgs.size(); ++i) {
+        const auto& nodeArgs = state.def->arguments;
+        std::vector<std::string> names(nodeArgs.size());
+        std::vector<UA_Argument> inputs(nodeArgs.size());
+        for (std::size_t i = 0; i < nodeArgs.size(); ++i) {
             names[i] = "arg" + std::to_string(i);
             UA_Argument_init(&inputs[i]);
             inputs[i].name = UA_STRING(const_cast<char*>(names[i].c_str()));
-            inputs[i].dataType = specArgs[i].type->typeId;
-            if (specArgs[i].array) {
+            inputs[i].dataType = nodeArgs[i].type->typeId;
+            if (nodeArgs[i].array) {
                 inputs[i].valueRank = UA_VALUERANK_ONE_DIMENSION;
                 inputs[i].arrayDimensions = anyLength;
                 inputs[i].arrayDimensionsSize = 1;
@@ -333,10 +333,10 @@ void Simulator::Impl::addMethods(UA_Server* s) {
         output.valueRank = UA_VALUERANK_SCALAR;
 
         UA_MethodAttributes methodAttr = UA_MethodAttributes_default;
-        methodAttr.displayName = text(state.spec->method);
+        methodAttr.displayName = text(state.def->method);
         methodAttr.executable = methodAttr.userExecutable = true;
         check(UA_Server_addMethodNode(s, nodeId(state.methodNode), nodeId(state.name),
-                                      UA_NODEID_NUMERIC(0, UA_NS0ID_HASCOMPONENT), browseName(state.spec->method),
+                                      UA_NODEID_NUMERIC(0, UA_NS0ID_HASCOMPONENT), browseName(state.def->method),
                                       methodAttr, &Impl::onCall, inputs.size(), inputs.data(), 1, &output, &state,
                                       nullptr),
               "cannot add method " + state.methodNode);
@@ -542,13 +542,13 @@ void Simulator::setReply(const std::string& iface, const Reply& reply) {
 
 std::vector<std::string> Simulator::variableNames() {
     std::vector<std::string> names;
-    for (const auto& spec : detail::variableSpecs()) names.emplace_back(spec.name);
+    for (const auto& def : detail::variableNodes()) names.emplace_back(def.name);
     return names;
 }
 
 std::vector<std::string> Simulator::interfaceNames() {
     std::vector<std::string> names;
-    for (const auto& spec : detail::methodSpecs()) names.emplace_back(spec.iface);
+    for (const auto& def : detail::methodNodes()) names.emplace_back(def.iface);
     return names;
 }
 
