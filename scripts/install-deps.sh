@@ -36,7 +36,9 @@ interop_modules() {
     lock="$dir/node_modules/.package-lock.json"
     if [ ! -f "$lock" ] || [ "$dir/package-lock.json" -nt "$lock" ]; then
         echo "install-deps: npm ci in interop/"
-        (cd "$dir" && npm ci --no-audit --no-fund)
+        # Node trusts only its own roots; add the system's, which a network's TLS proxy may need.
+        (cd "$dir" && NODE_EXTRA_CA_CERTS="${NODE_EXTRA_CA_CERTS:-/etc/ssl/certs/ca-certificates.crt}" \
+            npm ci --no-audit --no-fund)
     fi
 }
 
