@@ -30,7 +30,7 @@
 #include <vesk/duvo/opcua/uriHelper.hpp>
 
 #include "eventLoopWaker.hpp"
-#include "recycling.hpp"
+#include <vesk/duvo/opcua/recycling.hpp>
 
 namespace vesk::duvo::opcua::detail {
 
@@ -44,9 +44,10 @@ constexpr auto maxBackoff = 1000ms;
 // An attempt stuck in the handshake (a peer that accepts and never answers) is abandoned.
 constexpr auto connectTimeout = 3000ms;
 // open62541's own service timeout: the connectivity read and the handshake steps use it. With
-// a read every 500 ms, a silent peer is noticed after 2 to 3 s (timeouts are checked each second).
-constexpr UA_UInt32 serviceTimeoutMs = 1500;
-constexpr UA_UInt32 connectivityCheckMs = 500;
+// a read every 250 ms, a silent peer is noticed after 1.4 to 2.7 s (open62541 looks for timed-out
+// requests once a second), inside the 3 s that users are promised.
+constexpr UA_UInt32 serviceTimeoutMs = 1400;
+constexpr UA_UInt32 connectivityCheckMs = 250;
 // open62541 must never time out a request that may still be answered (a late reply would
 // close the channel): its hint is twice ours plus this margin.
 constexpr UA_UInt32 hintMarginMs = 10000;
@@ -92,73 +93,7 @@ bool meansNotConnected(UA_StatusCode rc) {
 
 std::string statusName(UA_StatusCode rc) { return UA_StatusCode_name(rc); }
 
-// One request, from submission until its future is completed.
-struct Pending {
-    enum class Phase { Queued, Sending, InFlight, Done };
-    enum class Outcome { None, Response, Timeout, NotConnected, ConnectionLost, ShutDown, Failed };
-
-    Pending(const UA_DataType* req, const UA_DataType* resp) : requestType(req), responseType(resp) {}
-    Pending(const Pending&) = delete;
-    Pending& operator=(const Pending&) = delete;
-    virtual ~Pending() {
-        if (request != nullptr) UA_delete(request, requestType);
-        if (response != nullptr) UA_delete(response, responseType);
-    }
-    virtual void fulfil(const std::string& endpoint) = 0;
-
-    void decide(Outcome o, UA_StatusCode rc = UA_STATUSCODE_GOOD) {
-        outcome = o;
-        status = rc;
-    }
-    void keepCopyOf(const void* caller) {
-        if (request != nullptr) return;
-        request = UA_new(requestType);
-        if (request == nullptr || UA_copy(caller, request, requestType) != UA_STATUSCODE_GOOD) throw std::bad_alloc();
-    }
-    void dropCopy() {
-        if (request != nullptr) UA_delete(request, requestType);
-        request = nullptr;
-    }
-    std::string message(const std::string& endpoint) const {
-        switch (outcome) {
-        case Outcome::Timeout: return "timeout: no reply from " + endpoint + " before the deadline";
-        case Outcome::NotConnected: return "not connected: no session with " + endpoint + " before the deadline";
-        case Outcome::ConnectionLost: return "connection lost: " + statusName(status) + " before the reply from " + endpoint;
-        case Outcome::ShutDown: return "client shut down: " + endpoint;
-        case Outcome::Failed: return "request failed: " + statusName(status) + " for " + endpoint;
-        default: return {};
-        }
-    }
-
-    const UA_DataType* const requestType;
-    const UA_DataType* const responseType;
-    void* request = nullptr;  // own deep copy while it cannot be sent at once
-    void* response = nullptr; // taken from open62541
-    Clock::time_point submitDeadline = Clock::time_point::max();
-    Clock::time_point replyDeadline = Clock::time_point::max();
-    long replyTimeMs = -1; // >= 0: the reply deadline starts when the request is sent
-    UA_UInt32 requestId = 0;
-    Phase phase = Phase::Sending;
-    Outcome outcome = Outcome::None;
-    UA_StatusCode status = UA_STATUSCODE_GOOD;
-};
-
-template <class Resp>
-struct PendingOf final : Pending {
-    PendingOf(const UA_DataType* req) : Pending(req, UaTypeOf<Resp>::type()) {}
-    void fulfil(const std::string& endpoint) override {
-        switch (outcome) {
-        case Outcome::Response:
-            promise.set_value(UaUnique<Resp>::adopt(static_cast<Resp*>(std::exchange(response, nullptr))));
-            break;
-        case Outcome::Timeout:
-            promise.set_exception(boost::copy_exception(vesk::duvo::TimeoutException(message(endpoint))));
-            break;
-        default: promise.set_exception(boost::copy_exception(vesk::duvo::DuvoException(message(endpoint)))); break;
-        }
-    }
-    boost::promise<UaUnique<Resp>> promise{boost::allocator_arg, Recycling<char>()};
-};
+using Pending = PendingRequest;
 
 } // namespace
 
@@ -179,9 +114,8 @@ public:
     ConnectionQueue::Handle addConnectionCallback(OpcUaClient::ConnectionCallback cb);
     MonitorQueue::Handle monitor(const UA_NodeId& nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> cb);
 
-    template <class Resp>
-    boost::future<UaUnique<Resp>> submit(void* request, const UA_DataType* requestType, Clock::time_point submitDeadline,
-                                         Clock::time_point replyDeadline, long replyTimeMs);
+    void submit(const std::shared_ptr<Pending>& p, void* request, Clock::time_point submitDeadline,
+                Clock::time_point replyDeadline, long replyTimeMs);
 
 private:
     enum class ItemState { New, Creating, Created, Failed };
@@ -273,6 +207,10 @@ private:
     std::vector<UA_UInt32> strayedSubscriptions_;
     std::uint64_t nextKey_ = 1;
     bool monitoringDirty_ = false; // registrations, subscription or session changed: look again
+    // Registrations are made and dropped by the thousand: a pass touches only what changed.
+    std::vector<std::uint64_t> toCreate_; // keys of items that may be New
+    bool sweepNeeded_ = false;            // a registration ended: look through all of them
+    double smallestInterval_ = -1;        // of the registrations not ended; -1: none
 
     // Network thread only.
     Clock::time_point nextAttempt_{};
@@ -616,11 +554,8 @@ void ClientCore::requestWake() {
 // ---------------------------------------------------------------------------------------------
 // Requests
 
-template <class Resp>
-boost::future<UaUnique<Resp>> ClientCore::submit(void* request, const UA_DataType* requestType, Clock::time_point submitDeadline,
-                                                 Clock::time_point replyDeadline, long replyTimeMs) {
-    auto p = std::allocate_shared<PendingOf<Resp>>(Recycling<PendingOf<Resp>>(), requestType);
-    auto future = p->promise.get_future();
+void ClientCore::submit(const std::shared_ptr<Pending>& p, void* request, Clock::time_point submitDeadline,
+                        Clock::time_point replyDeadline, long replyTimeMs) {
     p->submitDeadline = submitDeadline;
     p->replyDeadline = replyDeadline;
     p->replyTimeMs = replyTimeMs;
@@ -637,11 +572,11 @@ boost::future<UaUnique<Resp>> ClientCore::submit(void* request, const UA_DataTyp
     }
     if (p->outcome != Pending::Outcome::None) {
         p->fulfil(endpoint_);
-        return future;
+        return;
     }
     if (!direct) {
         enqueue(p, request);
-        return future;
+        return;
     }
     if (replyTimeMs >= 0)
         p->replyDeadline = replyTimeMs > 0 ? now + std::chrono::milliseconds(replyTimeMs) : Clock::time_point::max();
@@ -650,7 +585,7 @@ boost::future<UaUnique<Resp>> ClientCore::submit(void* request, const UA_DataTyp
     case SendResult::NotConnected: enqueue(p, request); break;
     case SendResult::Decided: p->fulfil(endpoint_); break;
     }
-    return future;
+    return;
 }
 
 void ClientCore::enqueue(const std::shared_ptr<Pending>& p, const void* request) {
@@ -825,6 +760,9 @@ MonitorQueue::Handle ClientCore::monitor(const UA_NodeId& nodeId, double samplin
     {
         std::lock_guard<std::mutex> lock(mutex_);
         items_[key] = ItemRecord{handle.entry()};
+        toCreate_.push_back(key);
+        const double interval = handle.entry()->callback.samplingIntervalMs;
+        smallestInterval_ = smallestInterval_ < 0 ? interval : std::min(smallestInterval_, interval);
         monitoringDirty_ = true;
     }
     requestWake();
@@ -835,6 +773,7 @@ void ClientCore::requestSweep() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         monitoringDirty_ = true;
+        sweepNeeded_ = true;
     }
     requestWake();
 }
@@ -847,10 +786,13 @@ void ClientCore::resetMonitoringLocked() {
     sub_.retryAt = Clock::time_point{};
     ++sub_.generation;
     monitoringDirty_ = true;
+    sweepNeeded_ = true;
+    toCreate_.clear();
     for (auto& [key, record] : items_) {
         record.state = ItemState::New; // a refused node may exist on a restarted server
         record.entry->callback.subscriptionId = 0;
         record.entry->callback.monitoredItemId = 0;
+        toCreate_.push_back(key);
     }
     pendingDeletes_.clear();
 }
@@ -869,27 +811,32 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
         if (sub_.state == SubscriptionState::None && !items_.empty() && now >= sub_.retryAt) monitoringDirty_ = true;
         if (!monitoringDirty_) return;
         monitoringDirty_ = false;
-        for (auto it = items_.begin(); it != items_.end();) {
-            ItemRecord& record = it->second;
-            if (!record.entry->removed.load() || record.state == ItemState::Creating) {
-                ++it;
-                continue;
+        if (std::exchange(sweepNeeded_, false)) {
+            smallestInterval_ = -1;
+            for (auto it = items_.begin(); it != items_.end();) {
+                ItemRecord& record = it->second;
+                if (!record.entry->removed.load()) {
+                    const double interval = record.entry->callback.samplingIntervalMs;
+                    smallestInterval_ = smallestInterval_ < 0 ? interval : std::min(smallestInterval_, interval);
+                    ++it;
+                    continue;
+                }
+                if (record.state == ItemState::Creating) { // swept again when its creation ends
+                    ++it;
+                    continue;
+                }
+                if (record.state == ItemState::Created && record.generation == sub_.generation)
+                    pendingDeletes_.emplace_back(sub_.id, record.monitoredItemId);
+                it = items_.erase(it);
             }
-            if (record.state == ItemState::Created && record.generation == sub_.generation)
-                pendingDeletes_.emplace_back(sub_.id, record.monitoredItemId);
-            it = items_.erase(it);
+            monitors_.purgeRemoved();
         }
-        monitors_.purgeRemoved();
         if (!sessionActive_ || sessionState_ != UA_SESSIONSTATE_ACTIVATED) {
             monitoringDirty_ = true; // again once the session is up
             return;
         }
 
-        double smallest = -1;
-        for (const auto& [key, record] : items_)
-            if (!record.entry->removed.load())
-                smallest = smallest < 0 ? record.entry->callback.samplingIntervalMs
-                                        : std::min(smallest, record.entry->callback.samplingIntervalMs);
+        const double smallest = smallestInterval_;
 
         if (sub_.state == SubscriptionState::None && smallest >= 0 && now >= sub_.retryAt) {
             UA_CreateSubscriptionRequest request = UA_CreateSubscriptionRequest_default();
@@ -907,7 +854,12 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
         } else if (sub_.state == SubscriptionState::Active) {
             subscriptionId = sub_.id;
             generation = sub_.generation;
-            for (auto& [key, record] : items_) {
+            std::vector<std::uint64_t> candidates;
+            candidates.swap(toCreate_);
+            for (const std::uint64_t key : candidates) {
+                const auto found = items_.find(key);
+                if (found == items_.end()) continue;
+                ItemRecord& record = found->second;
                 if (record.state != ItemState::New || record.entry->removed.load()) continue;
                 record.state = ItemState::Creating;
                 record.generation = generation;
@@ -979,9 +931,13 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
             std::lock_guard<std::mutex> lock(mutex_);
             batches_.erase(batchId);
             monitoringDirty_ = true;
+            sweepNeeded_ = true; // an item may have ended meanwhile
             for (const auto key : newKeys) {
                 const auto it = items_.find(key);
-                if (it != items_.end() && it->second.state == ItemState::Creating) it->second.state = ItemState::New;
+                if (it != items_.end() && it->second.state == ItemState::Creating) {
+                    it->second.state = ItemState::New;
+                    toCreate_.push_back(key);
+                }
             }
         }
     }
@@ -1069,8 +1025,10 @@ void ClientCore::onItemsCreated(UA_Client* client, void* userdata, UA_UInt32, vo
         if (it == core->items_.end() || it->second.state != ItemState::Creating || it->second.generation != items.generation)
             continue;
         ItemRecord& record = it->second;
+        if (record.entry->removed.load()) core->sweepNeeded_ = true; // it can go now
         if (!current || !serviceOk) {
             record.state = ItemState::New; // made again with the next subscription or session
+            core->toCreate_.push_back(items.keys[i]);
             core->monitoringDirty_ = true;
             continue;
         }
@@ -1162,26 +1120,31 @@ boost::future<OpcUaClient::ReadResponse> OpcUaClient::readValuesAsync(const std:
     request.timestampsToReturn = UA_TIMESTAMPSTORETURN_BOTH;
     request.nodesToRead = nodes.data();
     request.nodesToReadSize = count;
-    return core_->submit<UA_ReadResponse>(&request, &UA_TYPES[UA_TYPES_READREQUEST], deadline, deadline, -1);
+    FulfilPromise<UA_ReadResponse> done;
+    auto future = done.promise.get_future();
+    submit(makePending<UA_ReadResponse>(&UA_TYPES[UA_TYPES_READREQUEST], std::move(done)), &request, deadline, deadline, -1);
+    return future;
 }
 
 boost::future<OpcUaClient::WriteResponse> OpcUaClient::writeValuesAsync(UA_WriteValue* values, std::size_t count,
                                                                         Clock::time_point deadline) {
-    UA_WriteRequest request;
-    UA_WriteRequest_init(&request);
-    request.nodesToWrite = values;
-    request.nodesToWriteSize = count;
-    return core_->submit<UA_WriteResponse>(&request, &UA_TYPES[UA_TYPES_WRITEREQUEST], deadline, deadline, -1);
+    FulfilPromise<UA_WriteResponse> done;
+    auto future = done.promise.get_future();
+    writeValues(values, count, deadline, std::move(done));
+    return future;
 }
 
 boost::future<OpcUaClient::CallResponse> OpcUaClient::callMethodsAsync(UA_CallMethodRequest* requests, std::size_t count,
                                                                        Clock::time_point submitDeadline, long replyTimeMs) {
-    UA_CallRequest request;
-    UA_CallRequest_init(&request);
-    request.methodsToCall = requests;
-    request.methodsToCallSize = count;
-    return core_->submit<UA_CallResponse>(&request, &UA_TYPES[UA_TYPES_CALLREQUEST], submitDeadline,
-                                          Clock::time_point::max(), std::max(0L, replyTimeMs));
+    FulfilPromise<UA_CallResponse> done;
+    auto future = done.promise.get_future();
+    callMethods(requests, count, submitDeadline, replyTimeMs, std::move(done));
+    return future;
+}
+
+void OpcUaClient::submit(const std::shared_ptr<PendingRequest>& p, void* request, Clock::time_point submitDeadline,
+                         Clock::time_point replyDeadline, long replyTimeMs) {
+    core_->submit(p, request, submitDeadline, replyDeadline, replyTimeMs);
 }
 
 boost::asio::io_context& OpcUaClient::ioContext() { return core_->io(); }

@@ -9,12 +9,17 @@
 #include <string>
 #include <vector>
 
+#include <sched.h>
+
 #include <boost/asio/io_context.hpp>
+#include <boost/chrono/system_clocks.hpp>
 #include <boost/thread/future.hpp>
 #include <open62541/types.h>
 #include <open62541/types_generated.h>
 
 #include <vesk/duvo/opcua/notificationQueue.hpp>
+#include <vesk/duvo/opcua/recycling.hpp>
+#include <vesk/duvo/opcua/request.hpp>
 #include <vesk/duvo/opcua/uaCpp.hpp>
 
 namespace vesk::duvo::opcua::detail {
@@ -30,8 +35,8 @@ class ClientCore;
 ///
 /// It connects when created and reconnects by itself (backoff from 50 ms doubling to 1 s; an
 /// attempt that has not activated a session within 3 s is abandoned). A peer that goes
-/// silent is noticed within about 3 s by a read every 500 ms: a server that answers nothing
-/// for about 2 s is taken as gone, and the client reconnects.
+/// silent is noticed within 3 s by a read every 250 ms: a server that answers nothing for
+/// 1.4 s is taken as gone, and the client reconnects.
 ///
 /// Requests are encoded and sent from the caller's thread before the call returns; without a
 /// session they are kept (deep-copied, in order) until a session is up or their submit
@@ -116,11 +121,57 @@ public:
     boost::future<CallResponse> callMethodsAsync(UA_CallMethodRequest* requests, std::size_t count,
                                                  Clock::time_point submitDeadline, long replyTimeMs);
 
+    /// As writeValuesAsync and callMethodsAsync, with the end going to done instead of a future
+    /// (see PendingWith): for callers that need neither a future nor a continuation.
+    template <class Done>
+    void writeValues(UA_WriteValue* values, std::size_t count, Clock::time_point deadline, Done done) {
+        UA_WriteRequest request;
+        UA_WriteRequest_init(&request);
+        request.nodesToWrite = values;
+        request.nodesToWriteSize = count;
+        submit(makePending<UA_WriteResponse>(&UA_TYPES[UA_TYPES_WRITEREQUEST], std::move(done)), &request, deadline,
+               deadline, -1);
+    }
+    template <class Done>
+    void callMethods(UA_CallMethodRequest* requests, std::size_t count, Clock::time_point submitDeadline,
+                     long replyTimeMs, Done done) {
+        UA_CallRequest request;
+        UA_CallRequest_init(&request);
+        request.methodsToCall = requests;
+        request.methodsToCallSize = count;
+        submit(makePending<UA_CallResponse>(&UA_TYPES[UA_TYPES_CALLREQUEST], std::move(done)), &request,
+               submitDeadline, Clock::time_point::max(), replyTimeMs > 0 ? replyTimeMs : 0);
+    }
+
     /// The I/O context run by the client's second thread.
     boost::asio::io_context& ioContext();
 
 private:
+    template <class Resp, class Done>
+    static std::shared_ptr<PendingRequest> makePending(const UA_DataType* requestType, Done done) {
+        using P = PendingWith<Resp, Done>;
+        return std::allocate_shared<P>(Recycling<P>(), requestType, std::move(done));
+    }
+    void submit(const std::shared_ptr<PendingRequest>& p, void* request, Clock::time_point submitDeadline,
+                Clock::time_point replyDeadline, long replyTimeMs);
+
     std::shared_ptr<ClientCore> core_;
 };
+
+/// Waits for a reply until the deadline. On loopback a reply comes within tens of
+/// microseconds, less than it takes to put a thread to sleep and wake it again: so the caller
+/// first gives its core away in short turns (other threads, the client's included, run
+/// first) for up to replySpin, and only then sleeps.
+inline constexpr std::chrono::microseconds replySpin{150};
+
+template <class R>
+boost::future_status awaitReply(boost::future<R>& future, boost::chrono::steady_clock::time_point deadline) {
+    const auto spinUntil = std::chrono::steady_clock::now() + replySpin;
+    do {
+        if (future.is_ready()) return boost::future_status::ready;
+        sched_yield();
+    } while (std::chrono::steady_clock::now() < spinUntil);
+    return future.wait_until(deadline);
+}
 
 } // namespace vesk::duvo::opcua::detail

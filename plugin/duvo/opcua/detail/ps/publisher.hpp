@@ -144,23 +144,16 @@ public:
                 writes[i].value.hasSourcePicoseconds = true;
             }
         }
-        boost::future<WriteResponse> future = this->client->writeValuesAsync(writes, ST::fieldCount, deadline);
-
         if (timeout.count() == 0) {
             // Fire and forget: a failure found later can no longer reach the caller, so it is logged.
-            std::weak_ptr<OpcUaPublisher> self = this->weak_from_this();
-            future.then(boost::launch::sync, [self](boost::future<WriteResponse> done) {
-                if (auto publisher = self.lock()) {
-                    try {
-                        publisher->checkWriteResponse(done);
-                    } catch (const std::exception& e) {
-                        LOG4CPLUS_ERROR(publisher->publisherLogger, e.what());
-                    }
-                }
-            });
+            this->client->writeValues(writes, ST::fieldCount, deadline,
+                                      [self = this->weak_from_this()](WriteResponse response, const RequestFailure* failure) {
+                                          if (auto publisher = self.lock()) publisher->logFailure(response, failure);
+                                      });
             return;
         }
-        if (future.wait_until(waitUntil) != boost::future_status::ready)
+        boost::future<WriteResponse> future = this->client->writeValuesAsync(writes, ST::fieldCount, deadline);
+        if (awaitReply(future, waitUntil) != boost::future_status::ready)
             throw vesk::duvo::TimeoutException("timeout when publishing");
         try {
             checkWriteResponse(future);
@@ -170,8 +163,10 @@ public:
         }
     }
 
-    void checkWriteResponse(boost::future<WriteResponse>& future) const {
-        const WriteResponse response = future.get();
+    void checkWriteResponse(boost::future<WriteResponse>& future) const { checkWriteResponse(*future.get()); }
+
+    void checkWriteResponse(const UA_WriteResponse& written) const {
+        const UA_WriteResponse* response = &written;
         // Built only for a failure: a good reply must not cost an allocation.
         const auto suffix = [this] { return " Uri:" + this->uri; };
         const UA_StatusCode service = response->responseHeader.serviceResult;
@@ -188,6 +183,15 @@ public:
     }
 
 private:
+    void logFailure(const WriteResponse& response, const RequestFailure* failure) const {
+        try {
+            if (failure != nullptr) throw std::runtime_error(failure->message);
+            checkWriteResponse(*response);
+        } catch (const std::exception& e) {
+            LOG4CPLUS_ERROR(publisherLogger, e.what());
+        }
+    }
+
     void addInstancePublisher(OpcUaInstancePublisher<T, ST>* instance) {
         std::lock_guard<std::mutex> lock(listMutex);
         instancePublishers.push_back(instance);

@@ -33,11 +33,10 @@ using CallResponse = UaCpp<UA_CallResponse, std::unique_ptr<UA_CallResponse, voi
 
 /// The single result of a method call, converted; failures throw.
 template <class R>
-R unpackCallResult(boost::future<CallResponse>& future, const std::function<R(const UA_Variant&)>& convert) {
-    const CallResponse response = future.get();
-    if (response->resultsSize != 1)
-        throw std::runtime_error("unexpected resultsSize in RPC call: " + std::to_string(response->resultsSize));
-    const UA_CallMethodResult& result = response->results[0];
+R unpackCallResult(const UA_CallResponse& response, const std::function<R(const UA_Variant&)>& convert) {
+    if (response.resultsSize != 1)
+        throw std::runtime_error("unexpected resultsSize in RPC call: " + std::to_string(response.resultsSize));
+    const UA_CallMethodResult& result = response.results[0];
     if (result.statusCode != UA_STATUSCODE_GOOD)
         throw std::runtime_error(std::string("RPC call failed: ") + UA_StatusCode_name(result.statusCode));
     if (result.outputArgumentsSize == 0) {
@@ -48,6 +47,30 @@ R unpackCallResult(boost::future<CallResponse>& future, const std::function<R(co
     }
     return convert(result.outputArguments[0]);
 }
+
+template <class R>
+R unpackCallResult(boost::future<CallResponse>& future, const std::function<R(const UA_Variant&)>& convert) {
+    return unpackCallResult(*future.get(), convert);
+}
+
+/// Completes the caller's future with the converted result of a call, or with why it failed.
+template <class R>
+struct DeliverCallResult {
+    boost::promise<R> promise{boost::allocator_arg, Recycling<char>()};
+    const std::function<R(const UA_Variant&)>* convert = nullptr; // the stub's, which outlives its calls
+
+    void operator()(CallResponse response, const RequestFailure* failure) {
+        if (failure != nullptr) {
+            promise.set_exception(failure->exception());
+            return;
+        }
+        try {
+            promise.set_value(unpackCallResult(*response, *convert));
+        } catch (...) {
+            promise.set_exception(boost::current_exception());
+        }
+    }
+};
 
 /// Calls the OPC UA methods of one request/reply interface I through the shared client.
 template <class I>
@@ -95,9 +118,10 @@ public:
     }
 
     /// Calls method methodIndex with the given arguments; the first output is converted.
+    /// convert must outlive the call (the stubs pass a static one).
     template <class R, std::size_t N>
     boost::future<R> callMethodAsync(std::size_t methodIndex, std::array<UA_Variant, N> arguments,
-                                     std::function<R(const UA_Variant&)> convert) {
+                                     const std::function<R(const UA_Variant&)>& convert) {
         if (methodIndex >= methods.size())
             throw std::out_of_range("method index " + std::to_string(methodIndex) + " out of range. Uri:" + uri);
         const std::shared_ptr<OpcUaClient> c = currentClient();
@@ -107,11 +131,12 @@ public:
         request.methodId = *methods[methodIndex].methodId;
         request.inputArgumentsSize = N;
         request.inputArguments = N ? arguments.data() : nullptr;
-        boost::future<CallResponse> future = c->callMethodsAsync(
-            &request, 1, std::chrono::steady_clock::now() + std::chrono::milliseconds(submitTimeoutMs), replyTimeMs);
-        return future.then(boost::launch::sync, [convert = std::move(convert)](boost::future<CallResponse> done) {
-            return unpackCallResult<R>(done, convert);
-        });
+        DeliverCallResult<R> done;
+        done.convert = &convert;
+        boost::future<R> future = done.promise.get_future();
+        c->callMethods(&request, 1, std::chrono::steady_clock::now() + std::chrono::milliseconds(submitTimeoutMs),
+                       replyTimeMs, std::move(done));
+        return future;
     }
 
     std::int64_t getSubmitTimeoutMs() const noexcept { return submitTimeoutMs; }

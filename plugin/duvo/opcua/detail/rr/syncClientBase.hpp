@@ -10,6 +10,7 @@
 #include <boost/thread/future.hpp>
 
 #include <vesk/duvo/exceptions.hpp>
+#include <vesk/duvo/opcua/client.hpp>
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
 #include <vesk/duvo/rr/qos.hpp>
 #include <vesk/duvo/rr/rrEntity.hpp>
@@ -33,7 +34,7 @@ public:
         if (!future.valid()) throw boost::future_uninitialized();
         if (replyTimeout) {
             const auto deadline = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(*replyTimeout);
-            if (future.wait_until(deadline) != boost::future_status::ready)
+            if (awaitReply(future, deadline) != boost::future_status::ready)
                 throw vesk::duvo::TimeoutException("timeout when waiting for data");
             try {
                 return future.get();
