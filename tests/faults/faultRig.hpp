@@ -21,6 +21,7 @@
 #include <generated/opcua/m2Types/m2Types.hpp>
 #include <generated/opcua/m2Types/rpc.hpp>
 
+#include "support/makeEntity.hpp"
 #include "support/simulatorFixture.hpp"
 
 namespace duvo::faults {
@@ -51,13 +52,7 @@ inline double msSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
 
-template <class Entity>
-std::shared_ptr<Entity> make(const std::string& uri, const Properties& properties,
-                             const std::shared_ptr<OpcUaDuvo>& duvo) {
-    auto entity = std::make_shared<Entity>(uri, PsQoS{}, properties, duvo);
-    entity->setState(EntityState::Initialized);
-    return entity;
-}
+using duvo::test::make;
 
 inline RrQoS replyTime(std::chrono::milliseconds ms) {
     return {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(ms)};

@@ -42,8 +42,13 @@ TEST_F(Restarts, every_outage_is_reported_once_and_everything_flows_again) {
     const std::string endpoint = simulator->endpoint();
     const std::string deviceUri = psUri("M2Int32Value0");
     const Properties monitoredProps{{"opc.ps.pollingPeriodMs", "0"}};
-    // The period is also the read deadline: long enough that no read times out on a slow build.
+    // The period is also the read deadline: long enough that no read times out on a slow build
+    // (a read that times out is reported as not alive, which would count as an outage here).
+#ifdef __SANITIZE_THREAD__
+    const Properties polledProps{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "1000"}};
+#else
     const Properties polledProps{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "200"}};
+#endif
 
     Watched monitored("monitored", make<OpcUaSubscriber<T, ST>>(deviceUri, monitoredProps, duvo));
     Watched polled("polled", make<OpcUaSubscriber<T, ST>>(deviceUri, polledProps, duvo));
