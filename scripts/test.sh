@@ -17,4 +17,12 @@ esac
 scripts/install-deps.sh
 # The setup installs node-opcua, so its interop tests must run, not skip.
 export DUVO_REQUIRE_INTEROP=1
-cmake --workflow --preset "$preset"
+rm -f "build/$preset/Testing/Temporary/LastTestsFailed.log"
+if ! cmake --workflow --preset "$preset"; then
+    # Failed tests once more with their output, last, where the end of a long log shows them.
+    if [ -f "build/$preset/Testing/Temporary/LastTestsFailed.log" ]; then
+        echo "== failed tests, run again:"
+        ctest --preset "$preset" --rerun-failed --output-on-failure || true
+    fi
+    exit 1
+fi
