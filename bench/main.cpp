@@ -3,6 +3,7 @@
 // rounds (the order flips each round) and the table shows medians.
 //
 //   duvo-bench [--rounds N] [--round-ms MS] [--samples N] [--scale N,N,...] [--quick] [--only PREFIX]
+//              [--node-peer]
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -48,6 +49,7 @@ struct Options {
     int samples = 200; // delivery latencies per side and round
     std::vector<std::size_t> scale{1000, 10000};
     std::string only; // figures whose name starts with this (for profiling one path)
+    bool nodePeer = false; // also a node-opcua client's sequential writes and calls
 };
 
 std::string selfPath() {
@@ -94,6 +96,49 @@ struct CountingSink {
     void conversionFailed(log4cplus::Logger&, const std::string& m, double) const { throw std::runtime_error(m); }
     void connectionLost() const {}
 };
+
+/// A node-opcua client doing the synchronous writes and calls one after the other against the
+/// same server (bench/nodePeer.js, with the node-opcua of interop/): what a user of another
+/// stack would see. Beside, ours from this run's table.
+void nodePeerTable(const std::vector<Figure>& ours, const std::string& endpoint, const Options& options) {
+    const std::string command = std::string("node '") + DUVO_NODE_PEER_SCRIPT + "' " + endpoint + " " +
+                                std::to_string(options.roundMs) + " " + std::to_string(options.rounds) + " '" +
+                                DUVO_NODE_PEER_PKI + "' 2>&1";
+    std::FILE* pipe = ::popen(command.c_str(), "r");
+    if (pipe == nullptr) throw std::runtime_error("cannot run " + command);
+    std::vector<std::pair<std::string, double>> peer;
+    std::string output;
+    char line[1024];
+    while (std::fgets(line, sizeof line, pipe) != nullptr) {
+        char name[128];
+        double rate = 0;
+        if (std::sscanf(line, "peer %127s %lf", name, &rate) == 2) peer.emplace_back(name, rate);
+        else output += line;
+    }
+    const int status = ::pclose(pipe);
+    if (status != 0 || peer.empty()) {
+        // Optional: without node or node-opcua (scripts/install-deps.sh installs both) the
+        // table above stands alone.
+        std::fprintf(stderr, "node-opcua peer not measured (exit status %d):\n%s", status, output.c_str());
+        return;
+    }
+    std::printf("\n%-30s %14s %14s %7s\n", "sequential, one at a time", "ours", "node-opcua", "ratio");
+    std::vector<std::string> lines;
+    for (const auto& [name, rate] : peer) {
+        const auto f = std::find_if(ours.begin(), ours.end(), [&](const Figure& x) { return x.name == name; });
+        if (f == ours.end()) continue;
+        const double o = f->ourFigure();
+        std::printf("%-30s %14s %14s %7.2f\n", name.c_str(), formatValue(o, "/s").c_str(),
+                    formatValue(rate, "/s").c_str(), o / rate);
+        char ratio[32];
+        std::snprintf(ratio, sizeof ratio, "%.2f", o / rate);
+        lines.push_back("bench node_" + name + " ours=" + formatValue(o, "/s") + " node=" + formatValue(rate, "/s") +
+                        " ratio=" + ratio);
+    }
+    std::printf("\n");
+    for (const auto& l : lines) std::printf("%s\n", l.c_str());
+    std::fflush(stdout);
+}
 
 int benchMain(const Options& options) {
     const std::string self = selfPath();
@@ -476,6 +521,7 @@ int benchMain(const Options& options) {
     for (std::size_t i = 0; i < figures.size(); ++i)
         if (i >= measured.size() || measured[i]) shown.push_back(figures[i]);
     printTable(shown);
+    if (options.nodePeer) nodePeerTable(shown, endpoint, options);
     return 0;
 }
 
@@ -499,6 +545,7 @@ int main(int argc, char** argv) {
             else if (args[i] == "--round-ms" && hasValue) options.roundMs = std::stoi(args[++i]);
             else if (args[i] == "--samples" && hasValue) options.samples = std::stoi(args[++i]);
             else if (args[i] == "--only" && hasValue) options.only = args[++i];
+            else if (args[i] == "--node-peer") options.nodePeer = true;
             else if (args[i] == "--scale" && hasValue) {
                 options.scale.clear();
                 std::string list = args[++i];
@@ -514,7 +561,7 @@ int main(int argc, char** argv) {
                 options.scale = {1000};
             } else {
                 std::cerr << "usage: duvo-bench [--rounds N] [--round-ms MS] [--samples N] [--scale N,N,...] [--quick]"
-                             " [--only PREFIX]\n";
+                             " [--only PREFIX] [--node-peer]\n";
                 return 2;
             }
         }
