@@ -118,6 +118,8 @@ public:
                 Clock::time_point replyDeadline, long replyTimeMs);
 
 private:
+    bool canSend();
+
     enum class ItemState { New, Creating, Created, Failed };
     struct ItemRecord {
         std::shared_ptr<MonitorQueue::Entry> entry;
@@ -328,7 +330,7 @@ void ClientCore::shutdownSequence() {
     fulfilCompleted();
 
     std::atomic<bool> done{false}; // outlives UA_Client_delete, which may still call back
-    if (deleteSubscription) {
+    if (deleteSubscription && canSend()) {
         UA_DeleteSubscriptionsRequest request;
         UA_DeleteSubscriptionsRequest_init(&request);
         request.subscriptionIds = &subscriptionId;
@@ -704,6 +706,17 @@ void ClientCore::onState(UA_Client* client, UA_SecureChannelState channel, UA_Se
     if (!core->onNetworkThread()) core->requestWake();
 }
 
+// open62541 loses the state of a subscription or monitored-item service that it cannot send
+// (about 150 bytes each time), so these go out only over an open channel with an activated
+// session, read afresh: the state seen at the top of a round may be stale by the time it sends.
+bool ClientCore::canSend() {
+    UA_SecureChannelState channel;
+    UA_SessionState session;
+    UA_StatusCode status;
+    UA_Client_getState(client_, &channel, &session, &status);
+    return channel == UA_SECURECHANNELSTATE_OPEN && session == UA_SESSIONSTATE_ACTIVATED;
+}
+
 void ClientCore::onInactivity(UA_Client* client) {
     ClientCore* core = of(client);
     std::lock_guard<std::mutex> lock(core->mutex_);
@@ -891,10 +904,12 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
     }
 
     if (createSubscription) {
-        const UA_StatusCode rc = UA_Client_Subscriptions_create_async(
-            client_, *createSubscription, reinterpret_cast<void*>(static_cast<std::uintptr_t>(generation)), nullptr,
-            &ClientCore::onSubscriptionDeleted, &ClientCore::onSubscriptionCreated,
-            reinterpret_cast<void*>(static_cast<std::uintptr_t>(generation)), nullptr);
+        const UA_StatusCode rc =
+            canSend() ? UA_Client_Subscriptions_create_async(
+                            client_, *createSubscription, reinterpret_cast<void*>(static_cast<std::uintptr_t>(generation)),
+                            nullptr, &ClientCore::onSubscriptionDeleted, &ClientCore::onSubscriptionCreated,
+                            reinterpret_cast<void*>(static_cast<std::uintptr_t>(generation)), nullptr)
+                      : UA_STATUSCODE_BADSERVERNOTCONNECTED;
         if (rc != UA_STATUSCODE_GOOD) {
             std::lock_guard<std::mutex> lock(mutex_);
             if (sub_.generation == generation) {
@@ -905,7 +920,17 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
         }
     }
     if (modify) {
-        UA_Client_Subscriptions_modify_async(client_, *modify, &ClientCore::onSubscriptionModified, nullptr, nullptr);
+        const UA_StatusCode rc =
+            canSend() ? UA_Client_Subscriptions_modify_async(client_, *modify, &ClientCore::onSubscriptionModified, nullptr, nullptr)
+                      : UA_STATUSCODE_BADSERVERNOTCONNECTED;
+        if (rc != UA_STATUSCODE_GOOD) { // no reply will come: asked again next round
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (sub_.generation == generation) {
+                sub_.modifying = false;
+                sub_.requestedInterval = -1;
+                monitoringDirty_ = true;
+            }
+        }
     }
     if (!newItems.empty()) {
         std::uint64_t batchId;
@@ -924,9 +949,11 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
         for (const auto key : newKeys) contexts.push_back(reinterpret_cast<void*>(static_cast<std::uintptr_t>(key)));
         std::vector<UA_Client_DataChangeNotificationCallback> callbacks(newItems.size(), &ClientCore::onDataChange);
         std::vector<UA_Client_DeleteMonitoredItemCallback> deleteCallbacks(newItems.size(), nullptr);
-        const UA_StatusCode rc = UA_Client_MonitoredItems_createDataChanges_async(
-            client_, request, contexts.data(), callbacks.data(), deleteCallbacks.data(), &ClientCore::onItemsCreated,
-            reinterpret_cast<void*>(static_cast<std::uintptr_t>(batchId)), nullptr);
+        const UA_StatusCode rc =
+            canSend() ? UA_Client_MonitoredItems_createDataChanges_async(
+                            client_, request, contexts.data(), callbacks.data(), deleteCallbacks.data(),
+                            &ClientCore::onItemsCreated, reinterpret_cast<void*>(static_cast<std::uintptr_t>(batchId)), nullptr)
+                      : UA_STATUSCODE_BADSERVERNOTCONNECTED;
         if (rc != UA_STATUSCODE_GOOD) {
             std::lock_guard<std::mutex> lock(mutex_);
             batches_.erase(batchId);
@@ -950,8 +977,10 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
             request.subscriptionId = subId;
             request.monitoredItemIds = ids.data();
             request.monitoredItemIdsSize = ids.size();
-            const UA_StatusCode rc = UA_Client_MonitoredItems_delete_async(
-                client_, request, [](UA_Client*, void*, UA_UInt32, void*) {}, nullptr, nullptr);
+            const UA_StatusCode rc =
+                canSend() ? UA_Client_MonitoredItems_delete_async(client_, request, [](UA_Client*, void*, UA_UInt32, void*) {},
+                                                                  nullptr, nullptr)
+                          : UA_STATUSCODE_BADSERVERNOTCONNECTED;
             if (rc != UA_STATUSCODE_GOOD) {
                 // Not connected: tried again once a session is up, unless the subscription goes.
                 std::lock_guard<std::mutex> lock(mutex_);
@@ -967,7 +996,9 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
         UA_UInt32 subId = id;
         request.subscriptionIds = &subId;
         request.subscriptionIdsSize = 1;
-        UA_Client_Subscriptions_delete_async(client_, request, [](UA_Client*, void*, UA_UInt32, void*) {}, nullptr, nullptr);
+        // Not sent without a session: the server drops it with its session or at the end of its lifetime.
+        if (canSend())
+            UA_Client_Subscriptions_delete_async(client_, request, [](UA_Client*, void*, UA_UInt32, void*) {}, nullptr, nullptr);
     }
 }
 
