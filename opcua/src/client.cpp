@@ -118,7 +118,7 @@ public:
                 Clock::time_point replyDeadline, long replyTimeMs);
 
 private:
-    bool canSend();
+    template <class Send> UA_StatusCode sendIfUp(Send&& send);
 
     enum class ItemState { New, Creating, Created, Failed };
     struct ItemRecord {
@@ -330,14 +330,17 @@ void ClientCore::shutdownSequence() {
     fulfilCompleted();
 
     std::atomic<bool> done{false}; // outlives UA_Client_delete, which may still call back
-    if (deleteSubscription && canSend()) {
+    if (deleteSubscription) {
         UA_DeleteSubscriptionsRequest request;
         UA_DeleteSubscriptionsRequest_init(&request);
         request.subscriptionIds = &subscriptionId;
         request.subscriptionIdsSize = 1;
-        const UA_StatusCode rc = UA_Client_Subscriptions_delete_async(
-            client_, request, [](UA_Client*, void* flag, UA_UInt32, void*) { static_cast<std::atomic<bool>*>(flag)->store(true); },
-            &done, nullptr);
+        const UA_StatusCode rc = sendIfUp([&] {
+            return UA_Client_Subscriptions_delete_async(
+                client_, request,
+                [](UA_Client*, void* flag, UA_UInt32, void*) { static_cast<std::atomic<bool>*>(flag)->store(true); }, &done,
+                nullptr);
+        });
         const auto until = Clock::now() + shutdownGrace;
         while (rc == UA_STATUSCODE_GOOD && !done.load() && Clock::now() < until) UA_Client_run_iterate(client_, 10);
     }
@@ -707,15 +710,29 @@ void ClientCore::onState(UA_Client* client, UA_SecureChannelState channel, UA_Se
 }
 
 // open62541 loses the state of a subscription or monitored-item service that it cannot send
-// (about 150 bytes each time), so these go out only over an open channel with an activated
+// (a few hundred bytes each time), so these go out only over an open channel with an activated
 // session, read afresh: the state seen at the top of a round may be stale by the time it sends.
-bool ClientCore::canSend() {
+template <class Send> UA_StatusCode ClientCore::sendIfUp(Send&& send) {
     UA_SecureChannelState channel;
     UA_SessionState session;
     UA_StatusCode status;
     UA_Client_getState(client_, &channel, &session, &status);
-    return channel == UA_SECURECHANNELSTATE_OPEN && session == UA_SESSIONSTATE_ACTIVATED;
+    if (channel != UA_SECURECHANNELSTATE_OPEN || session != UA_SESSIONSTATE_ACTIVATED)
+        return UA_STATUSCODE_BADSERVERNOTCONNECTED;
+    return send();
 }
+
+namespace {
+// Keep-alives about once a second, and a lifetime of a minute or more.
+template <class Request> void setSubscriptionTiming(Request& request, double publishingInterval) {
+    request.requestedPublishingInterval = publishingInterval;
+    const double interval = std::max(1.0, publishingInterval);
+    request.requestedMaxKeepAliveCount = static_cast<UA_UInt32>(std::clamp(std::ceil(1000.0 / interval), 3.0, 10000.0));
+    request.requestedLifetimeCount =
+        std::max<UA_UInt32>(3 * request.requestedMaxKeepAliveCount,
+                            static_cast<UA_UInt32>(std::clamp(std::ceil(60000.0 / interval), 10000.0, 1e9)));
+}
+} // namespace
 
 void ClientCore::onInactivity(UA_Client* client) {
     ClientCore* core = of(client);
@@ -853,13 +870,7 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
 
         if (sub_.state == SubscriptionState::None && smallest >= 0 && now >= sub_.retryAt) {
             UA_CreateSubscriptionRequest request = UA_CreateSubscriptionRequest_default();
-            request.requestedPublishingInterval = smallest;
-            // Keep-alives about once a second, and a lifetime of a minute or more.
-            const double interval = std::max(1.0, smallest);
-            request.requestedMaxKeepAliveCount = static_cast<UA_UInt32>(std::clamp(std::ceil(1000.0 / interval), 3.0, 10000.0));
-            request.requestedLifetimeCount =
-                std::max<UA_UInt32>(3 * request.requestedMaxKeepAliveCount,
-                                    static_cast<UA_UInt32>(std::clamp(std::ceil(60000.0 / interval), 10000.0, 1e9)));
+            setSubscriptionTiming(request, smallest);
             createSubscription = request;
             sub_.state = SubscriptionState::Creating;
             sub_.requestedInterval = smallest;
@@ -887,13 +898,7 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
                 UA_ModifySubscriptionRequest request;
                 UA_ModifySubscriptionRequest_init(&request);
                 request.subscriptionId = sub_.id;
-                request.requestedPublishingInterval = smallest;
-                const double interval = std::max(1.0, smallest);
-                request.requestedMaxKeepAliveCount =
-                    static_cast<UA_UInt32>(std::clamp(std::ceil(1000.0 / interval), 3.0, 10000.0));
-                request.requestedLifetimeCount =
-                    std::max<UA_UInt32>(3 * request.requestedMaxKeepAliveCount,
-                                        static_cast<UA_UInt32>(std::clamp(std::ceil(60000.0 / interval), 10000.0, 1e9)));
+                setSubscriptionTiming(request, smallest);
                 modify = request;
                 sub_.modifying = true;
                 sub_.requestedInterval = smallest;
@@ -904,12 +909,12 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
     }
 
     if (createSubscription) {
-        const UA_StatusCode rc =
-            canSend() ? UA_Client_Subscriptions_create_async(
-                            client_, *createSubscription, reinterpret_cast<void*>(static_cast<std::uintptr_t>(generation)),
-                            nullptr, &ClientCore::onSubscriptionDeleted, &ClientCore::onSubscriptionCreated,
-                            reinterpret_cast<void*>(static_cast<std::uintptr_t>(generation)), nullptr)
-                      : UA_STATUSCODE_BADSERVERNOTCONNECTED;
+        void* const context = reinterpret_cast<void*>(static_cast<std::uintptr_t>(generation));
+        const UA_StatusCode rc = sendIfUp([&] {
+            return UA_Client_Subscriptions_create_async(client_, *createSubscription, context, nullptr,
+                                                        &ClientCore::onSubscriptionDeleted,
+                                                        &ClientCore::onSubscriptionCreated, context, nullptr);
+        });
         if (rc != UA_STATUSCODE_GOOD) {
             std::lock_guard<std::mutex> lock(mutex_);
             if (sub_.generation == generation) {
@@ -920,9 +925,10 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
         }
     }
     if (modify) {
-        const UA_StatusCode rc =
-            canSend() ? UA_Client_Subscriptions_modify_async(client_, *modify, &ClientCore::onSubscriptionModified, nullptr, nullptr)
-                      : UA_STATUSCODE_BADSERVERNOTCONNECTED;
+        const UA_StatusCode rc = sendIfUp([&] {
+            return UA_Client_Subscriptions_modify_async(client_, *modify, &ClientCore::onSubscriptionModified, nullptr,
+                                                        nullptr);
+        });
         if (rc != UA_STATUSCODE_GOOD) { // no reply will come: asked again next round
             std::lock_guard<std::mutex> lock(mutex_);
             if (sub_.generation == generation) {
@@ -949,11 +955,11 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
         for (const auto key : newKeys) contexts.push_back(reinterpret_cast<void*>(static_cast<std::uintptr_t>(key)));
         std::vector<UA_Client_DataChangeNotificationCallback> callbacks(newItems.size(), &ClientCore::onDataChange);
         std::vector<UA_Client_DeleteMonitoredItemCallback> deleteCallbacks(newItems.size(), nullptr);
-        const UA_StatusCode rc =
-            canSend() ? UA_Client_MonitoredItems_createDataChanges_async(
-                            client_, request, contexts.data(), callbacks.data(), deleteCallbacks.data(),
-                            &ClientCore::onItemsCreated, reinterpret_cast<void*>(static_cast<std::uintptr_t>(batchId)), nullptr)
-                      : UA_STATUSCODE_BADSERVERNOTCONNECTED;
+        const UA_StatusCode rc = sendIfUp([&] {
+            return UA_Client_MonitoredItems_createDataChanges_async(
+                client_, request, contexts.data(), callbacks.data(), deleteCallbacks.data(), &ClientCore::onItemsCreated,
+                reinterpret_cast<void*>(static_cast<std::uintptr_t>(batchId)), nullptr);
+        });
         if (rc != UA_STATUSCODE_GOOD) {
             std::lock_guard<std::mutex> lock(mutex_);
             batches_.erase(batchId);
@@ -977,10 +983,9 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
             request.subscriptionId = subId;
             request.monitoredItemIds = ids.data();
             request.monitoredItemIdsSize = ids.size();
-            const UA_StatusCode rc =
-                canSend() ? UA_Client_MonitoredItems_delete_async(client_, request, [](UA_Client*, void*, UA_UInt32, void*) {},
-                                                                  nullptr, nullptr)
-                          : UA_STATUSCODE_BADSERVERNOTCONNECTED;
+            const UA_StatusCode rc = sendIfUp([&] {
+                return UA_Client_MonitoredItems_delete_async(client_, request, &ClientCore::onDetached, nullptr, nullptr);
+            });
             if (rc != UA_STATUSCODE_GOOD) {
                 // Not connected: tried again once a session is up, unless the subscription goes.
                 std::lock_guard<std::mutex> lock(mutex_);
@@ -997,8 +1002,7 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
         request.subscriptionIds = &subId;
         request.subscriptionIdsSize = 1;
         // Not sent without a session: the server drops it with its session or at the end of its lifetime.
-        if (canSend())
-            UA_Client_Subscriptions_delete_async(client_, request, [](UA_Client*, void*, UA_UInt32, void*) {}, nullptr, nullptr);
+        sendIfUp([&] { return UA_Client_Subscriptions_delete_async(client_, request, &ClientCore::onDetached, nullptr, nullptr); });
     }
 }
 
