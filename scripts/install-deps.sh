@@ -1,5 +1,9 @@
 #!/usr/bin/env bash
-# Installs everything the project needs to build, test and benchmark on Debian 12 (bookworm).
+# Installs what the project needs on Debian 12 (bookworm).
+#   scripts/install-deps.sh          building and running, plus testing, fuzzing, benchmarking
+#                                    and the node-opcua server of the interop tests
+#   scripts/install-deps.sh --run    building and running only (the libraries, the plug-in,
+#                                    m2ctl, m2-sim): what scripts/run.sh needs
 # Idempotent: a machine that already has every package is left alone.
 #
 # open62541 1.4 is not in bookworm; it comes from Debian 13 (trixie) under a strict pin
@@ -17,20 +21,30 @@ fi
 # Packages allowed from trixie, and nothing else.
 TRIXIE_PKGS="libopen62541-1.4 libopen62541-1.4-dev libopen62541-1.4-tools libmbedtls-dev libmbedtls21 libmbedcrypto16 libmbedx509-7"
 
+case "${1:-}" in
+    "") scope=all ;;
+    --run) scope=run ;;
+    *) echo "usage: scripts/install-deps.sh [--run]" >&2; exit 2 ;;
+esac
+
+# Building and running.
 PACKAGES=(
-    build-essential cmake pkg-config git ca-certificates
+    build-essential cmake ca-certificates
     libopen62541-1.4-dev libopen62541-1.4-tools libmbedtls-dev
     libboost1.83-dev libboost-thread1.83-dev libboost-system1.83-dev
     libboost-url1.83-dev libboost-program-options1.83-dev
     liblog4cplus-dev
-    googletest libgtest-dev libgmock-dev libbenchmark-dev
-    clang libclang-rt-14-dev
 )
-# The interop tests' second server runs on Node.js: Debian's own unless one is installed.
-command -v node >/dev/null || PACKAGES+=(nodejs npm)
+if [ "$scope" = all ]; then
+    # Tests, benchmarks, and the fuzz targets (clang's libFuzzer).
+    PACKAGES+=(googletest libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev)
+    # The interop tests' second server runs on Node.js: Debian's own unless one is installed.
+    command -v node >/dev/null || PACKAGES+=(nodejs npm)
+fi
 
 # node-opcua for those tests, as interop/package-lock.json pins it, when missing or stale.
 interop_modules() {
+    [ "$scope" = all ] || return 0
     local dir lock
     dir="$(cd "$(dirname "$0")/.." && pwd)/interop"
     lock="$dir/node_modules/.package-lock.json"
