@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Installs what the project needs on Debian 12 (bookworm).
-#   scripts/install-deps.sh          building and running, plus testing, fuzzing, benchmarking
-#                                    and the node-opcua server of the interop tests
-#   scripts/install-deps.sh --run    building and running only (the libraries, the plug-in,
-#                                    m2ctl, m2-sim): what scripts/run.sh needs
+#   scripts/install-deps.sh            building and running, plus testing, fuzzing, benchmarking
+#                                      and the node-opcua server of the interop tests
+#   scripts/install-deps.sh --run      building and running only (the libraries, the plug-in,
+#                                      m2ctl, m2-sim): what scripts/run.sh needs
+#   scripts/install-deps.sh --sources  only the APT sources and the pin, for this project's
+#                                      Debian packages, which then install with apt
 # Idempotent: a machine that already has every package is left alone.
 #
 # open62541 1.4 is not in bookworm; it comes from Debian 13 (trixie) under a strict pin
@@ -24,7 +26,8 @@ TRIXIE_PKGS="libopen62541-1.4 libopen62541-1.4-dev libopen62541-1.4-tools libmbe
 case "${1:-}" in
     "") scope=all ;;
     --run) scope=run ;;
-    *) echo "usage: scripts/install-deps.sh [--run]" >&2; exit 2 ;;
+    --sources) scope=sources ;;
+    *) echo "usage: scripts/install-deps.sh [--run|--sources]" >&2; exit 2 ;;
 esac
 
 # Building and running.
@@ -60,12 +63,12 @@ missing=()
 for p in "${PACKAGES[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
-if [ ${#missing[@]} -eq 0 ] && [ -f /etc/apt/preferences.d/duvo-opcua.pref ]; then
+if [ "$scope" != sources ] && [ ${#missing[@]} -eq 0 ] && [ -f /etc/apt/preferences.d/duvo-opcua.pref ]; then
     echo "install-deps: all packages present"
     interop_modules
     exit 0
 fi
-echo "install-deps: installing ${missing[*]}"
+[ "$scope" = sources ] || echo "install-deps: installing ${missing[*]}"
 
 export DEBIAN_FRONTEND=noninteractive
 APT_OPTS=(-y -q -o Dpkg::Use-Pty=0)
@@ -107,6 +110,10 @@ if [ ! -f "$prefs" ] || [ "$(cat "$prefs")" != "$want_prefs" ]; then
 fi
 
 $SUDO apt-get update -q
+if [ "$scope" = sources ]; then
+    echo "install-deps: APT sources and pin in place"
+    exit 0
+fi
 $SUDO apt-get install "${APT_OPTS[@]}" --no-install-recommends "${PACKAGES[@]}"
 
 # Nothing but the pinned packages may come from trixie.

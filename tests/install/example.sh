@@ -15,6 +15,11 @@ trap cleanup EXIT
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
 cmake -S "$source/examples/app" -B "$work/app" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/app" >/dev/null
+# The binding classes that the README's samples include are installed with what they include.
+echo '#include <generated/opcua/m2Types/m2Types.hpp>' |
+    c++ -std=c++17 -fsyntax-only -x c++ -I"$work/prefix/include" \
+        -I"$work/prefix/include/duvo-m2Types-opcua" -DBOOST_THREAD_VERSION=5 \
+        -DBOOST_CHRONO_HEADER_ONLY -
 
 "$work/prefix/bin/m2-sim" --port 0 > "$work/sim.out" 2>/dev/null &
 sim_pid=$!
