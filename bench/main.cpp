@@ -3,7 +3,10 @@
 // rounds (the order flips each round) and the table shows medians.
 //
 //   duvo-bench [--rounds N] [--round-ms MS] [--samples N] [--scale N,N,...] [--quick] [--only PREFIX]
-//              [--node-peer]
+//              [--node-peer] [--load N]
+//
+// --load N keeps N other processes busy for the whole run, as a control computer that also
+// compiles, logs or draws is: both sides are measured under the same load.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -16,6 +19,10 @@
 #include <string>
 #include <vector>
 
+#include <csignal>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/thread/future.hpp>
@@ -50,6 +57,33 @@ struct Options {
     std::vector<std::size_t> scale{1000, 10000};
     std::string only; // figures whose name starts with this (for profiling one path)
     bool nodePeer = false; // also a node-opcua client's sequential writes and calls
+    int load = 0;          // busy processes beside the run
+};
+
+/// N processes that spin until this one ends, however it ends (they die with their parent).
+class BusyLoad {
+public:
+    explicit BusyLoad(int n) {
+        for (int i = 0; i < n; ++i) {
+            const pid_t pid = ::fork();
+            if (pid < 0) throw std::runtime_error("cannot start a busy process");
+            if (pid == 0) {
+                ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+                volatile unsigned long spin = 0;
+                for (;;) spin = spin + 1;
+            }
+            pids_.push_back(pid);
+        }
+    }
+    BusyLoad(const BusyLoad&) = delete;
+    BusyLoad& operator=(const BusyLoad&) = delete;
+    ~BusyLoad() {
+        for (const pid_t pid : pids_) ::kill(pid, SIGKILL);
+        for (const pid_t pid : pids_) ::waitpid(pid, nullptr, 0);
+    }
+
+private:
+    std::vector<pid_t> pids_;
 };
 
 std::string selfPath() {
@@ -61,15 +95,34 @@ std::string selfPath() {
 
 double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
+double cpuSeconds() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + 1e-6 * static_cast<double>(t.tv_usec); };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+struct Measured {
+    double rate;     // operations per second
+    double cpuPerOp; // CPU time of this process (every thread: the client's own included), us
+};
+
 /// Operations per second of op (which returns how many it did) over about ms milliseconds.
 template <class Op>
-double rateOf(Op&& op, int ms) {
+Measured measure(Op&& op, int ms) {
     const auto start = Clock::now();
+    const double cpuStart = cpuSeconds();
     const auto end = start + std::chrono::milliseconds(ms);
     std::size_t done = 0;
     do done += op();
     while (Clock::now() < end);
-    return static_cast<double>(done) / secondsSince(start);
+    const double elapsed = secondsSince(start);
+    return {static_cast<double>(done) / elapsed, 1e6 * (cpuSeconds() - cpuStart) / static_cast<double>(done)};
+}
+
+template <class Op>
+double rateOf(Op&& op, int ms) {
+    return measure(op, ms).rate;
 }
 
 void check(bool ok, const char* what) {
@@ -81,6 +134,7 @@ struct Pair {
     std::size_t figure;
     std::function<std::size_t()> ours;
     std::function<std::size_t()> raw;
+    std::size_t cpuFigure = SIZE_MAX; // also the CPU time per operation, as that figure
 };
 
 /// Counts poll results where a subscriber's queue would get them.
@@ -145,8 +199,9 @@ int benchMain(const Options& options) {
     ServerProcess server(self);
     const std::string authority = server.authority();
     const std::string endpoint = server.endpoint();
-    std::printf("server %s (own process); %d rounds of %d ms per side and operation; %zu in flight when pipelined\n",
-                endpoint.c_str(), options.rounds, options.roundMs, inFlight);
+    std::printf("server %s (own process); %d rounds of %d ms per side and operation; %zu in flight when pipelined; "
+                "%d busy process%s beside\n",
+                endpoint.c_str(), options.rounds, options.roundMs, inFlight, options.load, options.load == 1 ? "" : "es");
     std::fflush(stdout);
 
     auto psUri = [&](const std::string& variable) { return "opcua-ps://" + authority + "#ns=1;s=" + variable; };
@@ -291,13 +346,13 @@ int benchMain(const Options& options) {
         };
     };
 
-    pairs.push_back({figure("publish_sync_scalar", "/s", true, 0.95), publishSync(floatPublisher, floatSample),
+    pairs.push_back({figure("publish_sync_scalar", "/s", true, 1.0), publishSync(floatPublisher, floatSample),
                      rawWrite(floatNode, floatVariant, 1)});
-    pairs.push_back({figure("publish_sync_matrix36", "/s", true, 0.95), publishSync(matrixPublisher, matrixSample),
+    pairs.push_back({figure("publish_sync_matrix36", "/s", true, 1.0), publishSync(matrixPublisher, matrixSample),
                      rawWrite(matrixNode, matrixVariant, 1)});
-    pairs.push_back({figure("publish_sync_uint16x62", "/s", true, 0.95), publishSync(shortsPublisher, shortsSample),
+    pairs.push_back({figure("publish_sync_uint16x62", "/s", true, 1.0), publishSync(shortsPublisher, shortsSample),
                      rawWrite(shortsNode, shortsVariant, 1)});
-    pairs.push_back({figure("publish_sync_string15", "/s", true, 0.95), publishSync(stringsPublisher, stringsSample),
+    pairs.push_back({figure("publish_sync_string15", "/s", true, 1.0), publishSync(stringsPublisher, stringsSample),
                      rawWrite(stringsNode, stringsVariant, 1)});
     pairs.push_back({figure("publish_pipelined_scalar", "/s", true, 0.90), publishPipelined(floatPublisher, floatSample),
                      rawWrite(floatNode, floatVariant, inFlight)});
@@ -308,7 +363,7 @@ int benchMain(const Options& options) {
     pairs.push_back({figure("publish_pipelined_string15", "/s", true, 0.90),
                      publishPipelined(stringsPublisher, stringsSample), rawWrite(stringsNode, stringsVariant, inFlight)});
 
-    pairs.push_back({figure("rpc_sync_force_ads15", "/s", true, 0.95),
+    pairs.push_back({figure("rpc_sync_force_ads15", "/s", true, 1.0),
                      [&]() -> std::size_t {
                          check(adsSync->RPC_ForceSetpointAds(forces[14], forces[13], forces[12], forces[11], forces[10],
                                                              forces[9], forces[8], forces[7], forces[6], forces[5],
@@ -320,7 +375,7 @@ int benchMain(const Options& options) {
                          check(raw.call(adsObject, adsMethod, forceVariants(), 15), "raw ForceSetpointAds");
                          return 1;
                      }});
-    pairs.push_back({figure("rpc_sync_leg_array6", "/s", true, 0.95),
+    pairs.push_back({figure("rpc_sync_leg_array6", "/s", true, 1.0),
                      [&]() -> std::size_t {
                          check(legSync->RPC_LegPositionSetpoint(legs), "RPC_LegPositionSetpoint");
                          return 1;
@@ -362,7 +417,7 @@ int benchMain(const Options& options) {
     // A poll cycle: one read of the node, its checks, and the conversion when the data is newer.
     std::vector<double> rawPolled;
     UA_DateTime rawLastTime = 0;
-    pairs.push_back({figure("poll_cycle", "/s", true, 0.95),
+    pairs.push_back({figure("poll_cycle", "/s", true, 1.0),
                      [&]() -> std::size_t {
                          poller.poll();
                          return 1;
@@ -404,6 +459,11 @@ int benchMain(const Options& options) {
                          return 1;
                      }});
 
+    // What a synchronous operation costs the machine: a wait that spins would win the clock here.
+    pairs[0].cpuFigure = figure("cpu_publish_sync", "us", false, 0.0);
+    for (auto& p : pairs)
+        if (figures[p.figure].name == "rpc_sync_force_ads15") p.cpuFigure = figure("cpu_rpc_sync", "us", false, 0.0);
+
     auto wanted = [&](const std::string& name) { return name.compare(0, options.only.size(), options.only) == 0; };
     pairs.erase(std::remove_if(pairs.begin(), pairs.end(), [&](const Pair& p) { return !wanted(figures[p.figure].name); }),
                 pairs.end());
@@ -416,7 +476,10 @@ int benchMain(const Options& options) {
     }
     // Figures not measured are not shown.
     std::vector<bool> measured(figures.size(), false);
-    for (const auto& p : pairs) measured[p.figure] = true;
+    for (const auto& p : pairs) {
+        measured[p.figure] = true;
+        if (p.cpuFigure != SIZE_MAX) measured[p.cpuFigure] = true;
+    }
 
     // Delivery: a write on the server's side until the value is in the application's hands.
     Figure latency{"subscribe_delivery_median", "us", false, 0.95, {}, {}};
@@ -454,12 +517,19 @@ int benchMain(const Options& options) {
         const bool oursFirst = round % 2 == 0;
         for (auto& p : pairs) {
             Figure& f = figures[p.figure];
+            Measured o{}, r{};
             if (oursFirst) {
-                f.ours.push_back(rateOf(p.ours, options.roundMs));
-                f.raw.push_back(rateOf(p.raw, options.roundMs));
+                o = measure(p.ours, options.roundMs);
+                r = measure(p.raw, options.roundMs);
             } else {
-                f.raw.push_back(rateOf(p.raw, options.roundMs));
-                f.ours.push_back(rateOf(p.ours, options.roundMs));
+                r = measure(p.raw, options.roundMs);
+                o = measure(p.ours, options.roundMs);
+            }
+            f.ours.push_back(o.rate);
+            f.raw.push_back(r.rate);
+            if (p.cpuFigure != SIZE_MAX) {
+                figures[p.cpuFigure].ours.push_back(o.cpuPerOp);
+                figures[p.cpuFigure].raw.push_back(r.cpuPerOp);
             }
         }
         std::vector<double> o, r;
@@ -546,6 +616,7 @@ int main(int argc, char** argv) {
             else if (args[i] == "--samples" && hasValue) options.samples = std::stoi(args[++i]);
             else if (args[i] == "--only" && hasValue) options.only = args[++i];
             else if (args[i] == "--node-peer") options.nodePeer = true;
+            else if (args[i] == "--load" && hasValue) options.load = std::stoi(args[++i]);
             else if (args[i] == "--scale" && hasValue) {
                 options.scale.clear();
                 std::string list = args[++i];
@@ -561,10 +632,11 @@ int main(int argc, char** argv) {
                 options.scale = {1000};
             } else {
                 std::cerr << "usage: duvo-bench [--rounds N] [--round-ms MS] [--samples N] [--scale N,N,...] [--quick]"
-                             " [--only PREFIX] [--node-peer]\n";
+                             " [--only PREFIX] [--node-peer] [--load N]\n";
                 return 2;
             }
         }
+        const duvo::bench::BusyLoad load(options.load);
         return duvo::bench::benchMain(options);
     } catch (const std::exception& e) {
         std::cerr << "duvo-bench: " << e.what() << '\n';

@@ -2,7 +2,8 @@
 # Builds the benchmark (Release, build/bench, only what it needs) and runs it: our publish,
 # call, subscribe and poll paths beside a client of raw open62541, against one simulator in its
 # own process. Prints one table and one "bench NAME ours=... raw=... ratio=..." line per figure.
-# Arguments go to the benchmark (--quick, --rounds N, --round-ms MS, --samples N, --scale N,N).
+# Arguments go to the benchmark (--quick, --rounds N, --round-ms MS, --samples N, --scale N,N,
+# --load N: N busy processes beside the run, stopped with it).
 # Needs the project's dependencies (scripts/install-deps.sh).
 set -euo pipefail
 
