@@ -3,10 +3,13 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <iostream>
 #include <thread>
 
+#include <log4cplus/configurator.h>
 #include <log4cplus/consoleappender.h>
 #include <log4cplus/initializer.h>
 #include <log4cplus/logger.h>
@@ -44,9 +47,16 @@ std::atomic<bool> stopFlag{false};
 extern "C" void onStopSignal(int) { stopFlag.store(true); }
 
 /// The middleware logs through log4cplus; a user sees its warnings only when asking for them,
-/// so that an error is the one line m2ctl prints.
-void configureLogging(bool verbose) {
+/// so that an error is the one line m2ctl prints. A properties file (--log-config, else
+/// DUVO_LOG_CONFIG, which the middleware applies itself) replaces that choice.
+void configureLogging(bool verbose, const std::string& file) {
     log4cplus::initialize();
+    if (!file.empty()) {
+        if (!std::ifstream(file).good()) throw UsageError("cannot read the log configuration " + inQuotes(file));
+        log4cplus::PropertyConfigurator::doConfigure(LOG4CPLUS_STRING_TO_TSTRING(file));
+        return;
+    }
+    if (const char* env = std::getenv("DUVO_LOG_CONFIG"); env && *env) return;
     auto root = log4cplus::Logger::getRoot();
     root.removeAllAppenders();
     if (verbose) {
@@ -135,7 +145,9 @@ void addCommonOptions(po::options_description& options, Common& common, CommonOp
         options.add_options()("timeout,t", po::value<long>(&common.timeoutMs)->default_value(3000)->value_name("MS"),
                               "bound on connecting, writing and reading back");
     if (which.json) options.add_options()("json,j", po::bool_switch(&common.json), "print JSON for scripts");
-    options.add_options()("verbose,v", "show the middleware's warnings on stderr");
+    options.add_options()("verbose,v", "show the middleware's warnings on stderr")(
+        "log-config", po::value<std::string>()->value_name("FILE"),
+        "log4cplus properties file for the middleware's logs (default: DUVO_LOG_CONFIG when set)");
 }
 
 CommandLine parseCommandLine(const std::string& usage, const po::options_description& options, int argc, char** argv) {
@@ -155,7 +167,8 @@ CommandLine parseCommandLine(const std::string& usage, const po::options_descrip
                   .extra_style_parser(&negativeNumbers)
                   .run(),
               out.vm);
-    configureLogging(out.vm.count("verbose") > 0);
+    configureLogging(out.vm.count("verbose") > 0,
+                     out.vm.count("log-config") ? out.vm["log-config"].as<std::string>() : std::string());
     if (out.vm.count("help")) {
         std::cout << "Usage: " << usage << "\n\n" << options << '\n';
         out.help = true;
