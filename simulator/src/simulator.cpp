@@ -18,6 +18,7 @@
 #include <open62541/server_config_default.h>
 
 #include "nodeCatalogue.hpp"
+#include "openAccess.hpp"
 #include "stderrLogger.hpp"
 
 namespace vesk::duvo::sim {
@@ -349,7 +350,11 @@ void Simulator::Impl::start() {
     UA_ServerConfig config;
     std::memset(&config, 0, sizeof config);
     config.logging = detail::newStderrLogger(options.logLevel);
-    UA_StatusCode status = UA_ServerConfig_setMinimal(&config, port, nullptr);
+    // What UA_ServerConfig_setMinimal sets up, with an access control of our own.
+    UA_StatusCode status = UA_ServerConfig_setBasics_withPort(&config, port);
+    if (status == UA_STATUSCODE_GOOD) status = UA_ServerConfig_addSecurityPolicyNone(&config, nullptr);
+    if (status == UA_STATUSCODE_GOOD) status = detail::setOpenAccess(config);
+    if (status == UA_STATUSCODE_GOOD) status = UA_ServerConfig_addAllEndpoints(&config);
     if (status != UA_STATUSCODE_GOOD) {
         UA_ServerConfig_clean(&config);
         check(status, "cannot configure the simulator");
