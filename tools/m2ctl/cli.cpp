@@ -7,13 +7,16 @@
 #include <ctime>
 #include <fstream>
 #include <iostream>
+#include <mutex>
 #include <thread>
+#include <utility>
 
 #include <log4cplus/configurator.h>
 #include <log4cplus/consoleappender.h>
 #include <log4cplus/initializer.h>
 #include <log4cplus/logger.h>
 #include <log4cplus/nullappender.h>
+#include <log4cplus/spi/loggingevent.h>
 
 #include <vesk/duvo/opcua/uriHelper.hpp>
 
@@ -46,25 +49,58 @@ std::atomic<bool> stopFlag{false};
 
 extern "C" void onStopSignal(int) { stopFlag.store(true); }
 
+/// Keeps the last warning or error the middleware logged: the only place where it says why a
+/// sample did not come (a value it could not convert, a failed read).
+class LastProblem : public log4cplus::Appender {
+public:
+    LastProblem() { setName(LOG4CPLUS_TEXT("m2ctl-last-problem")); }
+    ~LastProblem() override { destructorImpl(); }
+    void close() override { closed = true; }
+
+    std::string take() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return std::exchange(last_, std::string());
+    }
+
+protected:
+    void append(const log4cplus::spi::InternalLoggingEvent& event) override {
+        if (event.getLogLevel() < log4cplus::WARN_LOG_LEVEL) return;
+        std::lock_guard<std::mutex> lock(mutex_);
+        last_ = LOG4CPLUS_TSTRING_TO_STRING(event.getMessage());
+    }
+
+private:
+    std::mutex mutex_;
+    std::string last_;
+};
+
+LastProblem* lastProblem = nullptr;
+
 /// The middleware logs through log4cplus; a user sees its warnings only when asking for them,
 /// so that an error is the one line m2ctl prints. A properties file (--log-config, else
-/// DUVO_LOG_CONFIG, which the middleware applies itself) replaces that choice.
-void configureLogging(bool verbose, const std::string& file) {
+/// DUVO_LOG_CONFIG) replaces that choice.
+void configureLogging(bool verbose, std::string file) {
     log4cplus::initialize();
+    if (const char* env = std::getenv("DUVO_LOG_CONFIG"); file.empty() && env) file = env;
+    auto orsa = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("orsa"));
     if (!file.empty()) {
         if (!std::ifstream(file).good()) throw UsageError("cannot read the log configuration " + inQuotes(file));
         log4cplus::PropertyConfigurator::doConfigure(LOG4CPLUS_STRING_TO_TSTRING(file));
-        return;
-    }
-    if (const char* env = std::getenv("DUVO_LOG_CONFIG"); env && *env) return;
-    auto root = log4cplus::Logger::getRoot();
-    root.removeAllAppenders();
-    if (verbose) {
-        root.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::ConsoleAppender(true, true)));
-        root.setLogLevel(log4cplus::WARN_LOG_LEVEL);
     } else {
-        root.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::NullAppender()));
-        root.setLogLevel(log4cplus::OFF_LOG_LEVEL);
+        auto root = log4cplus::Logger::getRoot();
+        root.removeAllAppenders();
+        if (verbose) {
+            root.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::ConsoleAppender(true, true)));
+            root.setLogLevel(log4cplus::WARN_LOG_LEVEL);
+        } else {
+            root.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::NullAppender()));
+            root.setLogLevel(log4cplus::OFF_LOG_LEVEL);
+        }
+        orsa.setLogLevel(log4cplus::WARN_LOG_LEVEL);
+    }
+    if (!lastProblem) {
+        lastProblem = new LastProblem();
+        orsa.addAppender(log4cplus::SharedAppenderPtr(lastProblem));
     }
 }
 
@@ -246,5 +282,12 @@ void catchStopSignals() {
 }
 
 bool stopRequested() { return stopFlag.load(); }
+
+std::string takeLastProblem() { return lastProblem ? lastProblem->take() : std::string(); }
+
+std::string withLastProblem(const std::string& message) {
+    const std::string problem = takeLastProblem();
+    return problem.empty() ? message : message + "; last problem: " + problem;
+}
 
 } // namespace m2ctl

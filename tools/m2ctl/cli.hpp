@@ -75,4 +75,9 @@ std::string msText(double ms);
 void catchStopSignals();
 bool stopRequested();
 
+/// The last warning or error the middleware logged since the previous take, or "".
+std::string takeLastProblem();
+/// The message, with "; last problem: " and that warning or error when there is one.
+std::string withLastProblem(const std::string& message);
+
 } // namespace m2ctl

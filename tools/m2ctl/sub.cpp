@@ -101,8 +101,9 @@ int subscribe(const Common& common, const SubOptions& o) {
         subscriber->close();
     }
     if (o.count > 0 && received < o.count && !stopRequested())
-        throw std::runtime_error("received " + std::to_string(received) + " of " + std::to_string(o.count) +
-                                 " samples of " + T::typeName + " within " + formatElement(o.durationS) + " s");
+        throw std::runtime_error(withLastProblem("received " + std::to_string(received) + " of " +
+                                                 std::to_string(o.count) + " samples of " + T::typeName + " within " +
+                                                 formatElement(o.durationS) + " s"));
     return 0;
 }
 

@@ -63,13 +63,16 @@ TourRow tourType(const Tour& tour) {
     const std::string uri = psUri(tour.common, T::typeName);
     const milliseconds timeout(tour.common.timeoutMs);
     Value value = distinctValue<Value>(0, T::nominalLength);
+    takeLastProblem(); // the previous row's
     try {
         const auto subscriber = tour.duvo->template createSubscriber<T>(uri);
         const auto publisher = tour.duvo->template createPublisher<T>(uri);
         // The first sample is the variable's present value; a value it already holds would
         // raise no notification, so another one is sent then.
         const auto present = nextValue(*subscriber, Clock::now() + timeout);
-        if (!present) throw std::runtime_error("no sample received within " + std::to_string(timeout.count()) + " ms");
+        if (!present)
+            throw std::runtime_error(
+                withLastProblem("no sample received within " + std::to_string(timeout.count()) + " ms"));
         if (*present == value) value = distinctValue<Value>(1, T::nominalLength);
 
         const auto sample = publisher->createDataEntity();
@@ -79,8 +82,8 @@ TourRow tourType(const Tour& tour) {
         for (;;) {
             const auto received = nextValue(*subscriber, start + timeout);
             if (!received)
-                throw std::runtime_error("published value not received within " + std::to_string(timeout.count()) +
-                                         " ms");
+                throw std::runtime_error(withLastProblem("published value not received within " +
+                                                         std::to_string(timeout.count()) + " ms"));
             if (*received == value) break;
         }
         row.ms = elapsedMs(start);
