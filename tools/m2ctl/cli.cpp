@@ -45,6 +45,25 @@ std::vector<po::option> negativeNumbers(std::vector<std::string>& words) {
     return out;
 }
 
+/// A node id as a URI fragment part: a comma would split it, and a URI allows no blanks,
+/// percent signs or bytes beyond ASCII as they are.
+std::string percentEncoded(const std::string& id) {
+    static const std::string plain = "-._~!$&'()*+;=:@/?";
+    std::string out;
+    for (const char c : id) {
+        const auto u = static_cast<unsigned char>(c);
+        if ((u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') ||
+            plain.find(c) != std::string::npos) {
+            out += c;
+        } else {
+            char escape[4];
+            std::snprintf(escape, sizeof escape, "%%%02X", unsigned(u));
+            out += escape;
+        }
+    }
+    return out;
+}
+
 std::atomic<bool> stopFlag{false};
 
 extern "C" void onStopSignal(int) { stopFlag.store(true); }
@@ -181,12 +200,17 @@ void addCommonOptions(po::options_description& options, Common& common, CommonOp
         options.add_options()("timeout,t", po::value<long>(&common.timeoutMs)->default_value(3000)->value_name("MS"),
                               "bound on connecting, writing and reading back");
     if (which.json) options.add_options()("json,j", po::bool_switch(&common.json), "print JSON for scripts");
+    if (which.map)
+        options.add_options()("map", po::value<std::string>(&common.mapFile)->value_name("FILE"),
+                              "JSON name map of a device whose node ids differ from the simulator's "
+                              "(m2ctl list --map prints one to start from)");
     options.add_options()("verbose,v", "show the middleware's warnings on stderr")(
         "log-config", po::value<std::string>()->value_name("FILE"),
         "log4cplus properties file for the middleware's logs (default: DUVO_LOG_CONFIG when set)");
 }
 
-CommandLine parseCommandLine(const std::string& usage, const po::options_description& options, int argc, char** argv) {
+CommandLine parseCommandLine(const std::string& usage, const po::options_description& options, int argc, char** argv,
+                             Common* common) {
     po::options_description all;
     all.add(options);
     all.add_options()("args", po::value<std::vector<std::string>>(), "");
@@ -214,6 +238,10 @@ CommandLine parseCommandLine(const std::string& usage, const po::options_descrip
     if (out.vm.count("timeout") && out.vm["timeout"].as<long>() <= 0)
         throw UsageError("bad timeout: it must be above 0 ms");
     if (out.vm.count("args")) out.args = out.vm["args"].as<std::vector<std::string>>();
+    if (common && !common->mapFile.empty()) {
+        common->map = std::make_shared<const NameMap>(loadNameMap(common->mapFile));
+        if (common->endpoint.empty()) common->endpoint = common->map->endpoint;
+    }
     return out;
 }
 
@@ -229,15 +257,35 @@ std::string endpointOrDefault(const Common& common) {
     return common.endpoint.empty() ? defaultEndpoint : common.endpoint;
 }
 
+bool inMap(const Common& common, const std::string& name) {
+    return !common.map || common.map->types.count(name) || common.map->interfaces.count(name);
+}
+
+std::string variableNode(const Common& common, const std::string& type) {
+    if (!common.map) return variableNodeId(type);
+    const auto it = common.map->types.find(type);
+    if (it == common.map->types.end()) throw UsageError(type + " is not in the map " + inQuotes(common.map->file));
+    return it->second;
+}
+
+MethodNodes methodNodes(const Common& common, const std::string& iface, const std::string& method) {
+    if (!common.map) return {objectNodeId(iface), methodNodeId(iface, method)};
+    const auto it = common.map->interfaces.find(iface);
+    if (it == common.map->interfaces.end())
+        throw UsageError(iface + " is not in the map " + inQuotes(common.map->file));
+    return it->second;
+}
+
 std::string psUri(const Common& common, const std::string& type) {
     if (!common.uri.empty()) return common.uri;
-    return "opcua-ps://" + authorityOf(endpointOrDefault(common)) + "#" + variableNodeId(type);
+    return "opcua-ps://" + authorityOf(endpointOrDefault(common)) + "#" + percentEncoded(variableNode(common, type));
 }
 
 std::string rrUri(const Common& common, const std::string& iface, const std::string& method) {
     if (!common.uri.empty()) return common.uri;
-    return "opcua-rr://" + authorityOf(endpointOrDefault(common)) + "#" + objectNodeId(iface) + "," +
-           methodNodeId(iface, method);
+    const MethodNodes nodes = methodNodes(common, iface, method);
+    return "opcua-rr://" + authorityOf(endpointOrDefault(common)) + "#" + percentEncoded(nodes.object) + "," +
+           percentEncoded(nodes.method);
 }
 
 std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo> makeDuvo(const Common& common,
