@@ -25,6 +25,11 @@ struct Options {
     std::chrono::milliseconds animationPeriod{200};
     /// open62541's own messages below this level are dropped; the rest go to stderr.
     UA_LogLevel logLevel = UA_LOGLEVEL_WARNING;
+    /// Nodes declared unlike the catalogue, for conformance checks: these variables with
+    /// another element type (Double, or Float instead of Double), these interfaces' methods
+    /// without their last input argument.
+    std::vector<std::string> otherDataType;
+    std::vector<std::string> lastArgumentDropped;
 };
 
 /// How a method answers. The default is an immediate good reply carrying true.
