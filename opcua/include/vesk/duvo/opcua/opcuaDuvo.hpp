@@ -23,6 +23,9 @@ namespace vesk::duvo::opcua::detail {
 ///   "opc.pluginPath"  the plug-in file, or the folder that holds it; without it the loader
 ///                     looks in DUVO_OPCUA_PLUGIN_PATH, next to the binding library, and on
 ///                     the library search path (see PluginLoader).
+///   "opc.logConfig"   a log4cplus properties file, applied by the first instance of the
+///                     process when the application has set up no logging (else
+///                     DUVO_LOG_CONFIG, else WARN and above of "orsa" to stderr).
 class OpcUaDuvo : public vesk::duvo::Duvo, public std::enable_shared_from_this<OpcUaDuvo> {
 public:
     using PsQoSList = std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>;
