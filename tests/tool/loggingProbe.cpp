@@ -10,7 +10,8 @@
 int main() {
     const auto duvo = std::make_shared<vesk::duvo::opcua::detail::OpcUaDuvo>(
         vesk::duvo::Duvo::Properties{{"opc.pluginPath", M2TYPES_PLUGIN_FILE}});
-    const auto subscriber = duvo->createSubscriber<m2Types::M2Int32Value0>("opcua-ps://127.0.0.1:1#ns=1;s=M2Int32Value0");
+    const auto subscriber =
+        duvo->createSubscriber<m2Types::M2Int32Value0>("opcua-ps://127.0.0.1:1#ns=1;s=M2Int32Value0");
     subscriber->close();
     try {
         subscriber->read(1); // "Subscriber already closed", at ERROR

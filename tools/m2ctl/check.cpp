@@ -236,10 +236,12 @@ CheckRow checkType(Device& device, const Common& common) {
     Value dims;
     device.read(node.id, UA_ATTRIBUTEID_ARRAYDIMENSIONS, dims.v);
     std::vector<UA_UInt32> found;
-    if (dims.v.type == &UA_TYPES[UA_TYPES_UINT32] && !UA_Variant_isScalar(&dims.v))
-        found.assign(static_cast<const UA_UInt32*>(dims.v.data), static_cast<const UA_UInt32*>(dims.v.data) + dims.v.arrayLength);
-    const bool dimsOk = Field::isVector ? found.empty() || (found.size() == 1 && (found[0] == 0 || found[0] == T::nominalLength))
-                                        : found.empty();
+    if (dims.v.type == &UA_TYPES[UA_TYPES_UINT32] && !UA_Variant_isScalar(&dims.v)) {
+        const auto* first = static_cast<const UA_UInt32*>(dims.v.data);
+        found.assign(first, first + dims.v.arrayLength);
+    }
+    const bool anyOrNominal = found.size() == 1 && (found[0] == 0 || found[0] == T::nominalLength);
+    const bool dimsOk = found.empty() || (Field::isVector && anyOrNominal);
     if (!dimsOk) {
         std::string text;
         for (const auto d : found) text += (text.empty() ? "" : ",") + std::to_string(d);
@@ -261,7 +263,8 @@ CheckRow checkType(Device& device, const Common& common) {
 }
 
 /// A method's argument list from its property, as the catalogue writes it; "none" without one.
-std::vector<std::string> argumentShapes(Device& device, const UA_NodeId& method, const std::string& which, bool& present) {
+std::vector<std::string> argumentShapes(Device& device, const UA_NodeId& method, const std::string& which,
+                                        bool& present) {
     UA_NodeId property = device.property(method, which);
     present = !UA_NodeId_isNull(&property);
     std::vector<std::string> out;
@@ -377,8 +380,8 @@ int checkCommand(int argc, char** argv) {
                     ",\"name\":" + inQuotes(row.name) + ",\"result\":" + inQuotes(row.result) + ",\"findings\":[" +
                     findings + "]}";
         }
-        std::cout << "{\"endpoint\":" << inQuotes(endpoint) << ",\"rows\":[" << list << "\n],\"checked\":" << rows.size()
-                  << ",\"ok\":" << ok << ",\"mismatch\":" << mismatches << ",\"missing\":" << missing << "}\n";
+        std::cout << "{\"endpoint\":" << inQuotes(endpoint) << ",\"rows\":[" << list
+                  << "\n],\"checked\":" << rows.size() << ",\"ok\":" << ok << ",\"mismatch\":" << mismatches << ",\"missing\":" << missing << "}\n";
     } else {
         std::printf("%zu of %zu conform (%zu mismatch, %zu missing)\n", ok, rows.size(), mismatches, missing);
     }

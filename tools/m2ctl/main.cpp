@@ -34,7 +34,8 @@ takes --log-config FILE, a log4cplus properties file for the middleware's logs.
 pub, sub and call talk to --endpoint (default opc.tcp://127.0.0.1:4840, where `m2ctl sim`
 listens) or to the entity named by --uri. `m2ctl COMMAND --help` describes a command.
 Exit codes: 0 success, 1 failure (connection, timeout, refused write, false result, failed
-round trip, a device that does not conform), 2 bad command line (unknown command, type, interface or option, bad value, URI or map).
+round trip, a device that does not conform), 2 bad command line (unknown command, type,
+interface or option, bad value, URI or map).
 )";
 
 /// One line on stderr, whatever the message holds.

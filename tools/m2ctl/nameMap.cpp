@@ -196,8 +196,8 @@ NameMap loadNameMap(const std::string& file) {
         if (v.object) throw bad(key, "expected a node id in double quotes");
         UA_NodeId id;
         UA_NodeId_init(&id);
-        const UA_StatusCode status =
-            UA_NodeId_parse(&id, UA_String{v.text.size(), reinterpret_cast<UA_Byte*>(const_cast<char*>(v.text.data()))});
+        UA_String text{v.text.size(), reinterpret_cast<UA_Byte*>(const_cast<char*>(v.text.data()))};
+        const UA_StatusCode status = UA_NodeId_parse(&id, text);
         UA_NodeId_clear(&id);
         if (status != UA_STATUSCODE_GOOD || v.text.empty())
             throw bad(key, "not an OPC UA node id: " + inQuotes(v.text));
