@@ -2,9 +2,15 @@
 
 #include <stdexcept>
 
+#include "logging.hpp"
+
 namespace vesk::duvo::opcua::detail {
 
-OpcUaDuvo::OpcUaDuvo(vesk::duvo::Duvo::Properties properties) : properties_(std::move(properties)) {}
+// Every entity and client of an application comes from an instance, so this is where the
+// middleware's loggers are first used.
+OpcUaDuvo::OpcUaDuvo(vesk::duvo::Duvo::Properties properties) : properties_(std::move(properties)) {
+    setUpLogging(properties_);
+}
 
 OpcUaDuvo::~OpcUaDuvo() = default;
 

@@ -18,6 +18,7 @@
 #include <open62541/server_config_default.h>
 
 #include "nodeCatalogue.hpp"
+#include "openAccess.hpp"
 #include "stderrLogger.hpp"
 
 namespace vesk::duvo::sim {
@@ -65,8 +66,12 @@ UA_Byte accessLevel(bool writable) {
     return writable ? UA_ACCESSLEVELMASK_READ | UA_ACCESSLEVELMASK_WRITE : UA_ACCESSLEVELMASK_READ;
 }
 
+bool listed(const std::vector<std::string>& names, const std::string& name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
 /// Zero, the empty string, or the nominal length of those.
-OwnedVariant initialValue(const detail::VariableNode& def) {
+OwnedVariant initialValue(detail::VariableNode def) {
     UA_Variant v;
     UA_Variant_init(&v);
     if (def.vector) {
@@ -272,10 +277,13 @@ void Simulator::Impl::animate(UA_Server* server, void* data) {
 void Simulator::Impl::addVariables(UA_Server* s) {
     const UA_NodeId objects = UA_NODEID_NUMERIC(0, UA_NS0ID_OBJECTSFOLDER);
     for (auto& state : variables) {
-        const OwnedVariant initial = initialValue(*state.def);
+        detail::VariableNode def = *state.def;
+        if (listed(options.otherDataType, state.name))
+            def.type = def.type == &UA_TYPES[UA_TYPES_DOUBLE] ? &UA_TYPES[UA_TYPES_FLOAT] : &UA_TYPES[UA_TYPES_DOUBLE];
+        const OwnedVariant initial = initialValue(def);
         UA_VariableAttributes attr = UA_VariableAttributes_default;
         attr.displayName = text(state.name);
-        attr.dataType = state.def->type->typeId;
+        attr.dataType = def.type->typeId;
         if (state.def->vector) {
             attr.valueRank = UA_VALUERANK_ONE_DIMENSION;
             attr.arrayDimensions = anyLength;
@@ -310,7 +318,8 @@ void Simulator::Impl::addMethods(UA_Server* s) {
                                       objectAttr, nullptr, nullptr),
               "cannot add object " + state.name);
 
-        const auto& nodeArgs = state.def->arguments;
+        auto nodeArgs = state.def->arguments;
+        if (listed(options.lastArgumentDropped, state.name) && !nodeArgs.empty()) nodeArgs.pop_back();
         std::vector<std::string> names(nodeArgs.size());
         std::vector<UA_Argument> inputs(nodeArgs.size());
         for (std::size_t i = 0; i < nodeArgs.size(); ++i) {
@@ -349,7 +358,11 @@ void Simulator::Impl::start() {
     UA_ServerConfig config;
     std::memset(&config, 0, sizeof config);
     config.logging = detail::newStderrLogger(options.logLevel);
-    UA_StatusCode status = UA_ServerConfig_setMinimal(&config, port, nullptr);
+    // What UA_ServerConfig_setMinimal sets up, with an access control of our own.
+    UA_StatusCode status = UA_ServerConfig_setBasics_withPort(&config, port);
+    if (status == UA_STATUSCODE_GOOD) status = UA_ServerConfig_addSecurityPolicyNone(&config, nullptr);
+    if (status == UA_STATUSCODE_GOOD) status = detail::setOpenAccess(config);
+    if (status == UA_STATUSCODE_GOOD) status = UA_ServerConfig_addAllEndpoints(&config);
     if (status != UA_STATUSCODE_GOOD) {
         UA_ServerConfig_clean(&config);
         check(status, "cannot configure the simulator");

@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include <open62541/plugin/log.h>
 
@@ -21,6 +22,8 @@ inline const char* levelName(UA_LogLevel level) {
 
 inline void logToStderr(void* context, UA_LogLevel level, UA_LogCategory, const char* msg, va_list args) {
     if (level < static_cast<UA_LogLevel>(reinterpret_cast<std::intptr_t>(context))) return;
+    // Port 0 asks for a free port; the stack's warning that it picks one says nothing new.
+    if (level == UA_LOGLEVEL_WARNING && std::strncmp(msg, "Dynamic port assignment", 23) == 0) return;
     char line[1024];
     std::vsnprintf(line, sizeof line, msg, args);
     // One call per line keeps lines from different threads apart.

@@ -1,6 +1,7 @@
 // The two servers side by side: the same m2Types address space, and the error paths on which
 // they differ, each asserted as it is. docs/decisions.md ("The independent server") lists them.
 #include <chrono>
+#include <cstdio>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -214,6 +215,20 @@ TEST_F(AddressSpace, describes_what_it_compares) {
     EXPECT_NE(method.find("object components ns=1;s=WhRpcDeadZoneCalibrationAds.RPC_DeadZoneCalibrationAds"),
               std::string::npos)
         << method;
+}
+
+TEST_F(AddressSpace, m2ctl_check_finds_both_servers_conforming) {
+    for (const std::string& endpoint : {simulator->endpoint(), server->endpoint()}) {
+        const std::string command = std::string(M2CTL_PROGRAM) + " check --timeout 10000 --endpoint " + endpoint + " 2>&1";
+        FILE* pipe = ::popen(command.c_str(), "r");
+        ASSERT_NE(pipe, nullptr);
+        std::string out;
+        char buffer[4096];
+        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+        const int status = ::pclose(pipe);
+        EXPECT_EQ(status, 0) << endpoint << "\n" << out;
+        EXPECT_NE(out.find("47 of 47 conform (0 mismatch, 0 missing)"), std::string::npos) << out;
+    }
 }
 
 class Differences : public BothServers {

@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -32,10 +34,12 @@ struct Outcome {
     std::string err;
 };
 
-/// m2ctl with the arguments, its stdout and stderr on pipes.
+/// m2ctl (or another program) with the arguments and extra environment, its stdout and
+/// stderr on pipes.
 class Program {
 public:
-    explicit Program(std::vector<std::string> args) {
+    explicit Program(std::vector<std::string> args, const std::vector<std::string>& env = {},
+                     const char* program = M2CTL_PROGRAM) {
         int out[2], err[2];
         // Close-on-exec, so that no other child holds these pipes open.
         if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
@@ -44,11 +48,16 @@ public:
         posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
         posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
         for (int fd : {out[0], out[1], err[0], err[1]}) posix_spawn_file_actions_addclose(&actions, fd);
-        args.insert(args.begin(), M2CTL_PROGRAM);
+        args.insert(args.begin(), program);
         std::vector<char*> argv;
         for (auto& a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
-        const int rc = posix_spawn(&pid_, M2CTL_PROGRAM, &actions, nullptr, argv.data(), environ);
+        std::vector<std::string> variables(env);
+        for (char** e = environ; *e; ++e) variables.emplace_back(*e);
+        std::vector<char*> envp;
+        for (auto& v : variables) envp.push_back(v.data());
+        envp.push_back(nullptr);
+        const int rc = posix_spawn(&pid_, program, &actions, nullptr, argv.data(), envp.data());
         posix_spawn_file_actions_destroy(&actions);
         ::close(out[1]);
         ::close(err[1]);
@@ -114,7 +123,16 @@ private:
     Outcome outcome_;
 };
 
-Outcome run(std::vector<std::string> args) { return Program(std::move(args)).finish(); }
+Outcome run(std::vector<std::string> args, const std::vector<std::string>& env = {}) {
+    return Program(std::move(args), env).finish();
+}
+
+/// A file in the test's temporary folder with the text.
+std::string writeFile(const std::string& name, const std::string& text) {
+    const std::string path = ::testing::TempDir() + name;
+    std::ofstream(path) << text;
+    return path;
+}
 
 std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> out;
@@ -207,7 +225,7 @@ TEST(M2ctlList, shows_every_type_with_its_shape_and_every_interface_with_its_arg
 }
 
 TEST(M2ctlHelp, every_command_explains_itself) {
-    for (const std::string command : {"list", "pub", "sub", "call", "sim", "tour"}) {
+    for (const std::string command : {"list", "pub", "sub", "call", "sim", "tour", "check"}) {
         const Outcome o = run({command, "--help"});
         EXPECT_EQ(o.code, 0) << command;
         EXPECT_EQ(o.out.rfind("Usage: m2ctl " + command, 0), 0u) << o.out;
@@ -349,10 +367,24 @@ TEST_F(M2ctlOnSimulator, pub_timestamp_becomes_the_source_time_that_sub_prints) 
     EXPECT_EQ(o.out, "{\"type\":\"M2Int32Value0\",\"sourceTime\":\"2023-11-14T22:13:20.500Z\",\"value\":-7}\n");
 }
 
-TEST_F(M2ctlOnSimulator, sub_fails_when_fewer_samples_than_counted_arrive_in_time) {
-    const Outcome o = m2ctl({"sub", "M2Int32Value0", "--count", "3", "--duration", "0.5"});
+TEST_F(M2ctlOnSimulator, sub_fails_when_fewer_samples_than_counted_arrive_in_time_and_says_why) {
+    Outcome o = m2ctl({"sub", "M2Int32Value0", "--count", "3", "--duration", "0.5"});
     EXPECT_EQ(o.code, 1);
     expectOneErrorLine(o, "received 1 of 3 samples of M2Int32Value0 within 0.5 s");
+
+    // A variable of another type: the conversion error is the reason (the poller logs none).
+    const std::string floatNode =
+        "opcua-ps://" + simulator->endpoint().substr(std::string("opc.tcp://").size()) + "#ns=1;s=M2FloatValue0";
+    for (const std::string mode : {"monitor", "mrv"}) {
+        o = run({"sub", "M2Int32Value0", "--uri", floatNode, "--mode", mode, "--period", "20", "--count", "1",
+                 "--duration", "1"});
+        EXPECT_EQ(o.code, 1) << mode;
+        expectOneErrorLine(o, "received 0 of 1 samples of M2Int32Value0 within 1 s; last problem: ");
+        EXPECT_NE(o.err.find("expected Int32, received Float"), std::string::npos) << mode << ": " << o.err;
+    }
+    // An unknown node: the read status.
+    o = run({"sub", "M2Int32Value0", "--uri", floatNode + "Nowhere", "--count", "1", "--duration", "1"});
+    expectOneErrorLine(o, "BadNodeIdUnknown");
 }
 
 TEST_F(M2ctlOnSimulator, call_sends_the_parsed_arguments_sync_and_async) {
@@ -399,6 +431,132 @@ TEST_F(M2ctlOnSimulator, call_and_tour_fail_on_a_false_result_or_a_refused_write
     EXPECT_NE(lineOf(o.out, "PsRpcSetpower").find(" ok "), std::string::npos) << o.out;
     EXPECT_NE(o.out.find("45 of 47 passed"), std::string::npos) << o.out;
     expectOneErrorLine(o, "2 of 47 failed: M2Uint16Vector62, WhRpcSetpower");
+}
+
+TEST_F(M2ctlOnSimulator, map_moves_pub_sub_call_and_tour_to_other_nodes_and_a_bad_map_is_one_line) {
+    // Two entities moved to nodes of the same shape, the rest left out; the endpoint from the map.
+    const std::string map = writeFile("device.json", "{\"endpoint\": \"" + simulator->endpoint() +
+                                                         "\",\n \"types\": {\"M2Uint16Value0\": \"ns=1;s=M2Uint16Scalar\"},\n"
+                                                         " \"interfaces\": {\"PsRpcSetpower\": {\"object\": "
+                                                         "\"ns=1;s=WhRpcSetpower\", \"method\": "
+                                                         "\"ns=1;s=WhRpcSetpower.RPC_SetPower\"}}}");
+    Outcome o = run({"pub", "M2Uint16Value0", "4321", "--map", map});
+    ASSERT_EQ(o.code, 0) << o.err;
+    EXPECT_EQ(simulator->read("M2Uint16Scalar").at<UA_UInt16>(), 4321);
+    EXPECT_EQ(simulator->read("M2Uint16Value0").at<UA_UInt16>(), 0);
+    o = run({"sub", "M2Uint16Value0", "--map", map, "--count", "1", "--duration", "5"});
+    EXPECT_NE(o.out.find("M2Uint16Value0 = 4321"), std::string::npos) << o.out << o.err;
+    ASSERT_EQ(run({"call", "PsRpcSetpower", "true", "--map", map}).code, 0);
+    EXPECT_EQ(simulator->calls("WhRpcSetpower").count, 1u);
+    EXPECT_EQ(simulator->calls("PsRpcSetpower").count, 0u);
+    o = run({"tour", "--map", map});
+    EXPECT_EQ(o.code, 0) << o.out << o.err;
+    EXPECT_NE(o.out.find("2 of 2 passed (1 types published and read back, 1 interfaces called)"), std::string::npos)
+        << o.out;
+    expectOneErrorLine(run({"pub", "M2Int32Value0", "1", "--map", map}), "M2Int32Value0 is not in the map");
+
+    // `list --map` is a map that works as it is.
+    const Outcome listed = run({"list", "--map", "--endpoint", simulator->endpoint()});
+    ASSERT_EQ(listed.code, 0) << listed.err;
+    const std::string full = writeFile("simulator.json", listed.out);
+    EXPECT_EQ(run({"call", "OpRpcSystemStop", "1", "--map", full}).code, 0);
+
+    for (const auto& [text, message] : std::vector<std::pair<std::string, std::string>>{
+             {"{\"types\": {\"M2Int32Value0\": \"ns=1;s=A\",}}", "line 1: expected a key in double quotes"},
+             {"{\"types\": {\"M2NoSuchType\": \"ns=1;s=A\"}}", "types.M2NoSuchType: no such type"},
+             {"{\"types\": {\"M2Int32Value0\": \"ns=x;s=A\"}}", "types.M2Int32Value0: not an OPC UA node id"},
+             {"{\"interfaces\": {\"PsRpcSetpower\": {\"object\": \"ns=1;s=A\"}}}",
+              "interfaces.PsRpcSetpower.method: missing"},
+             {"{\"endpoint\": \"device:4840\"}", "endpoint: expected opc.tcp://HOST:PORT"},
+             {"{\"type\": {}}", "type: unknown key"}}) {
+        const std::string bad = writeFile("bad.json", text);
+        o = run({"check", "--map", bad});
+        EXPECT_EQ(o.code, 2) << text;
+        expectOneErrorLine(o, "bad map \"" + bad + "\": " + message);
+    }
+}
+
+TEST_F(M2ctlOnSimulator, check_conforms_and_names_each_planted_fault) {
+    Outcome o = m2ctl({"check"});
+    EXPECT_EQ(o.code, 0) << o.out << o.err;
+    EXPECT_NE(o.out.find("47 of 47 conform (0 mismatch, 0 missing)"), std::string::npos) << o.out;
+
+    vesk::duvo::sim::Options options;
+    options.otherDataType = {"M2FloatVector6"};
+    options.lastArgumentDropped = {"OpRpcSystemBuiltInTest"};
+    vesk::duvo::sim::Simulator planted(options);
+    planted.setWritable("M2Int32Value0", false);
+    planted.start();
+    // A node that is not there, through a map.
+    const std::string map = writeFile("missing.json", "{\"types\": {\"M2Int8Value0\": \"ns=1;s=Nowhere\"}}");
+    o = run({"check", "--endpoint", planted.endpoint()});
+    EXPECT_EQ(o.code, 1);
+    EXPECT_EQ(lineOf(o.out, "M2FloatVector6"),
+              "type      M2FloatVector6                 mismatch: DataType expected Float found Double");
+    EXPECT_EQ(lineOf(o.out, "M2Int32Value0"),
+              "type      M2Int32Value0                  mismatch: AccessLevel expected readable, writable found readable");
+    EXPECT_EQ(lineOf(o.out, "OpRpcSystemBuiltInTest"),
+              "interface OpRpcSystemBuiltInTest         mismatch: InputArguments expected 3 (Byte, Int16, Int16) found 2 "
+              "(Byte, Int16)");
+    EXPECT_NE(lineOf(o.out, "M2FloatVector8").find(" ok"), std::string::npos) << o.out;
+    EXPECT_NE(o.out.find("44 of 47 conform (3 mismatch, 0 missing)"), std::string::npos) << o.out;
+    expectOneErrorLine(o, "3 of 47 do not conform: M2FloatVector6, M2Int32Value0, OpRpcSystemBuiltInTest");
+
+    o = run({"check", "--endpoint", planted.endpoint(), "--map", map, "--json"});
+    EXPECT_EQ(o.code, 1);
+    EXPECT_NE(o.out.find("{\"kind\":\"type\",\"name\":\"M2Int8Value0\",\"result\":\"missing\",\"findings\":["
+                         "\"BadNodeIdUnknown (ns=1;s=Nowhere)\"]}"),
+              std::string::npos)
+        << o.out;
+    EXPECT_NE(o.out.find("\"checked\":1,\"ok\":0,\"mismatch\":0,\"missing\":1"), std::string::npos) << o.out;
+}
+
+TEST(MiddlewareLogging, without_a_set_up_warnings_and_errors_go_to_stderr_in_one_line_format) {
+    const std::regex line(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} (WARN |ERROR) orsa\.duvo\.opcua\.[a-z]+: .+)");
+    const auto probe = [](const std::vector<std::string>& env) { return Program({}, env, LOGGING_PROBE).finish(); };
+
+    Outcome o = probe({});
+    EXPECT_EQ(o.code, 0) << o.err;
+    EXPECT_EQ(o.err.find("log4cplus:ERROR"), std::string::npos) << o.err;
+    ASSERT_EQ(lines(o.err).size(), 1u) << o.err;
+    EXPECT_TRUE(std::regex_match(lines(o.err)[0], line)) << o.err;
+    EXPECT_NE(o.err.find("ERROR orsa.duvo.opcua.subscriber: Subscriber already closed"), std::string::npos) << o.err;
+
+    // A file named by DUVO_LOG_CONFIG replaces the default; one that cannot be read is said once.
+    const std::string logFile = ::testing::TempDir() + "probe.log";
+    std::remove(logFile.c_str());
+    const std::string config = writeFile("probe.properties", "log4cplus.logger.orsa=ERROR, F\n"
+                                                             "log4cplus.appender.F=log4cplus::FileAppender\n"
+                                                             "log4cplus.appender.F.File=" + logFile + "\n"
+                                                             "log4cplus.appender.F.layout=log4cplus::SimpleLayout\n");
+    o = probe({"DUVO_LOG_CONFIG=" + config});
+    EXPECT_EQ(o.err, "");
+    std::stringstream logged;
+    logged << std::ifstream(logFile).rdbuf();
+    EXPECT_EQ(logged.str(), "ERROR - Subscriber already closed\n");
+
+    o = probe({"DUVO_LOG_CONFIG=/nonexistent/duvo.properties"});
+    ASSERT_EQ(lines(o.err).size(), 2u) << o.err;
+    EXPECT_TRUE(std::regex_match(lines(o.err)[0], line)) << o.err;
+    EXPECT_NE(lines(o.err)[0].find("WARN  orsa.duvo.opcua.internal: the log configuration /nonexistent/duvo.properties "
+                                   "named by DUVO_LOG_CONFIG cannot be read"),
+              std::string::npos)
+        << o.err;
+
+    // m2ctl --log-config: the middleware's TRACE lines where the file says.
+    const std::string traceFile = ::testing::TempDir() + "m2ctl.log";
+    std::remove(traceFile.c_str());
+    const std::string trace = writeFile("trace.properties", "log4cplus.logger.orsa=TRACE, F\n"
+                                                            "log4cplus.appender.F=log4cplus::FileAppender\n"
+                                                            "log4cplus.appender.F.File=" + traceFile + "\n"
+                                                            "log4cplus.appender.F.layout=log4cplus::SimpleLayout\n");
+    o = run({"sub", "M2Int32Value0", "--endpoint", "opc.tcp://127.0.0.1:1", "--timeout", "100", "--log-config", trace});
+    EXPECT_EQ(o.code, 1);
+    std::stringstream traced;
+    traced << std::ifstream(traceFile).rdbuf();
+    EXPECT_NE(traced.str().find("TRACE - Subscriber for opcua-ps://127.0.0.1:1#ns=1;s=M2Int32Value0 created"),
+              std::string::npos)
+        << traced.str();
 }
 
 TEST(M2ctlSim, serves_until_sigterm_after_printing_its_ready_line) {

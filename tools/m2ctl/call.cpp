@@ -81,7 +81,7 @@ int callCommand(int argc, char** argv) {
         "Calls the interface's method with the arguments and prints its Boolean result (exit code 1 when\n"
         "false). Give all values as separate arguments or all in one comma-separated argument; a vector\n"
         "parameter takes the values the others leave. Example: m2ctl call OpRpcSystemBuiltInTest 1 -2 300",
-        options, argc, argv);
+        options, argc, argv, &common);
     if (line.help) return 0;
     if (line.args.empty()) throw UsageError("call needs an interface and its arguments (see m2ctl list)");
     if (replyTimeMs < 0) throw UsageError("bad reply time: it cannot be negative");

@@ -3,14 +3,20 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <iostream>
+#include <mutex>
 #include <thread>
+#include <utility>
 
+#include <log4cplus/configurator.h>
 #include <log4cplus/consoleappender.h>
 #include <log4cplus/initializer.h>
 #include <log4cplus/logger.h>
 #include <log4cplus/nullappender.h>
+#include <log4cplus/spi/loggingevent.h>
 
 #include <vesk/duvo/opcua/uriHelper.hpp>
 
@@ -39,22 +45,81 @@ std::vector<po::option> negativeNumbers(std::vector<std::string>& words) {
     return out;
 }
 
+/// A node id as a URI fragment part: a comma would split it, and a URI allows no blanks,
+/// percent signs or bytes beyond ASCII as they are.
+std::string percentEncoded(const std::string& id) {
+    static const std::string plain = "-._~!$&'()*+;=:@/?";
+    std::string out;
+    for (const char c : id) {
+        const auto u = static_cast<unsigned char>(c);
+        if ((u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') ||
+            plain.find(c) != std::string::npos) {
+            out += c;
+        } else {
+            char escape[4];
+            std::snprintf(escape, sizeof escape, "%%%02X", unsigned(u));
+            out += escape;
+        }
+    }
+    return out;
+}
+
 std::atomic<bool> stopFlag{false};
 
 extern "C" void onStopSignal(int) { stopFlag.store(true); }
 
+/// Keeps the last warning or error the middleware logged: the only place where it says why a
+/// sample did not come (a value it could not convert, a failed read).
+class LastProblem : public log4cplus::Appender {
+public:
+    LastProblem() { setName(LOG4CPLUS_TEXT("m2ctl-last-problem")); }
+    ~LastProblem() override { destructorImpl(); }
+    void close() override { closed = true; }
+
+    std::string take() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return std::exchange(last_, std::string());
+    }
+
+protected:
+    void append(const log4cplus::spi::InternalLoggingEvent& event) override {
+        if (event.getLogLevel() < log4cplus::WARN_LOG_LEVEL) return;
+        std::lock_guard<std::mutex> lock(mutex_);
+        last_ = LOG4CPLUS_TSTRING_TO_STRING(event.getMessage());
+    }
+
+private:
+    std::mutex mutex_;
+    std::string last_;
+};
+
+LastProblem* lastProblem = nullptr;
+
 /// The middleware logs through log4cplus; a user sees its warnings only when asking for them,
-/// so that an error is the one line m2ctl prints.
-void configureLogging(bool verbose) {
+/// so that an error is the one line m2ctl prints. A properties file (--log-config, else
+/// DUVO_LOG_CONFIG) replaces that choice.
+void configureLogging(bool verbose, std::string file) {
     log4cplus::initialize();
-    auto root = log4cplus::Logger::getRoot();
-    root.removeAllAppenders();
-    if (verbose) {
-        root.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::ConsoleAppender(true, true)));
-        root.setLogLevel(log4cplus::WARN_LOG_LEVEL);
+    if (const char* env = std::getenv("DUVO_LOG_CONFIG"); file.empty() && env) file = env;
+    auto orsa = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("orsa"));
+    if (!file.empty()) {
+        if (!std::ifstream(file).good()) throw UsageError("cannot read the log configuration " + inQuotes(file));
+        log4cplus::PropertyConfigurator::doConfigure(LOG4CPLUS_STRING_TO_TSTRING(file));
     } else {
-        root.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::NullAppender()));
-        root.setLogLevel(log4cplus::OFF_LOG_LEVEL);
+        auto root = log4cplus::Logger::getRoot();
+        root.removeAllAppenders();
+        if (verbose) {
+            root.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::ConsoleAppender(true, true)));
+            root.setLogLevel(log4cplus::WARN_LOG_LEVEL);
+        } else {
+            root.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::NullAppender()));
+            root.setLogLevel(log4cplus::OFF_LOG_LEVEL);
+        }
+        orsa.setLogLevel(log4cplus::WARN_LOG_LEVEL);
+    }
+    if (!lastProblem) {
+        lastProblem = new LastProblem();
+        orsa.addAppender(log4cplus::SharedAppenderPtr(lastProblem));
     }
 }
 
@@ -135,10 +200,17 @@ void addCommonOptions(po::options_description& options, Common& common, CommonOp
         options.add_options()("timeout,t", po::value<long>(&common.timeoutMs)->default_value(3000)->value_name("MS"),
                               "bound on connecting, writing and reading back");
     if (which.json) options.add_options()("json,j", po::bool_switch(&common.json), "print JSON for scripts");
-    options.add_options()("verbose,v", "show the middleware's warnings on stderr");
+    if (which.map)
+        options.add_options()("map", po::value<std::string>(&common.mapFile)->value_name("FILE"),
+                              "JSON name map of a device whose node ids differ from the simulator's "
+                              "(m2ctl list --map prints one to start from)");
+    options.add_options()("verbose,v", "show the middleware's warnings on stderr")(
+        "log-config", po::value<std::string>()->value_name("FILE"),
+        "log4cplus properties file for the middleware's logs (default: DUVO_LOG_CONFIG when set)");
 }
 
-CommandLine parseCommandLine(const std::string& usage, const po::options_description& options, int argc, char** argv) {
+CommandLine parseCommandLine(const std::string& usage, const po::options_description& options, int argc, char** argv,
+                             Common* common) {
     po::options_description all;
     all.add(options);
     all.add_options()("args", po::value<std::vector<std::string>>(), "");
@@ -155,7 +227,8 @@ CommandLine parseCommandLine(const std::string& usage, const po::options_descrip
                   .extra_style_parser(&negativeNumbers)
                   .run(),
               out.vm);
-    configureLogging(out.vm.count("verbose") > 0);
+    configureLogging(out.vm.count("verbose") > 0,
+                     out.vm.count("log-config") ? out.vm["log-config"].as<std::string>() : std::string());
     if (out.vm.count("help")) {
         std::cout << "Usage: " << usage << "\n\n" << options << '\n';
         out.help = true;
@@ -165,6 +238,10 @@ CommandLine parseCommandLine(const std::string& usage, const po::options_descrip
     if (out.vm.count("timeout") && out.vm["timeout"].as<long>() <= 0)
         throw UsageError("bad timeout: it must be above 0 ms");
     if (out.vm.count("args")) out.args = out.vm["args"].as<std::vector<std::string>>();
+    if (common && !common->mapFile.empty()) {
+        common->map = std::make_shared<const NameMap>(loadNameMap(common->mapFile));
+        if (common->endpoint.empty()) common->endpoint = common->map->endpoint;
+    }
     return out;
 }
 
@@ -180,15 +257,35 @@ std::string endpointOrDefault(const Common& common) {
     return common.endpoint.empty() ? defaultEndpoint : common.endpoint;
 }
 
+bool inMap(const Common& common, const std::string& name) {
+    return !common.map || common.map->types.count(name) || common.map->interfaces.count(name);
+}
+
+std::string variableNode(const Common& common, const std::string& type) {
+    if (!common.map) return variableNodeId(type);
+    const auto it = common.map->types.find(type);
+    if (it == common.map->types.end()) throw UsageError(type + " is not in the map " + inQuotes(common.map->file));
+    return it->second;
+}
+
+MethodNodes methodNodes(const Common& common, const std::string& iface, const std::string& method) {
+    if (!common.map) return {objectNodeId(iface), methodNodeId(iface, method)};
+    const auto it = common.map->interfaces.find(iface);
+    if (it == common.map->interfaces.end())
+        throw UsageError(iface + " is not in the map " + inQuotes(common.map->file));
+    return it->second;
+}
+
 std::string psUri(const Common& common, const std::string& type) {
     if (!common.uri.empty()) return common.uri;
-    return "opcua-ps://" + authorityOf(endpointOrDefault(common)) + "#" + variableNodeId(type);
+    return "opcua-ps://" + authorityOf(endpointOrDefault(common)) + "#" + percentEncoded(variableNode(common, type));
 }
 
 std::string rrUri(const Common& common, const std::string& iface, const std::string& method) {
     if (!common.uri.empty()) return common.uri;
-    return "opcua-rr://" + authorityOf(endpointOrDefault(common)) + "#" + objectNodeId(iface) + "," +
-           methodNodeId(iface, method);
+    const MethodNodes nodes = methodNodes(common, iface, method);
+    return "opcua-rr://" + authorityOf(endpointOrDefault(common)) + "#" + percentEncoded(nodes.object) + "," +
+           percentEncoded(nodes.method);
 }
 
 std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo> makeDuvo(const Common& common,
@@ -233,5 +330,12 @@ void catchStopSignals() {
 }
 
 bool stopRequested() { return stopFlag.load(); }
+
+std::string takeLastProblem() { return lastProblem ? lastProblem->take() : std::string(); }
+
+std::string withLastProblem(const std::string& message) {
+    const std::string problem = takeLastProblem();
+    return problem.empty() ? message : message + "; last problem: " + problem;
+}
 
 } // namespace m2ctl

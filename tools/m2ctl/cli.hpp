@@ -12,6 +12,7 @@
 
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
 
+#include "nameMap.hpp"
 #include "values.hpp"
 
 namespace m2ctl {
@@ -28,6 +29,9 @@ struct Common {
     std::string uri;
     long timeoutMs = 3000;
     bool json = false;
+    std::string mapFile;
+    /// Node ids of a device laid out otherwise (--map); null for the simulator's layout.
+    std::shared_ptr<const NameMap> map;
 };
 
 /// A command's command line once parsed; help is set when --help was asked (and printed).
@@ -37,26 +41,36 @@ struct CommandLine {
     bool help = false;
 };
 
-/// Adds --help, --verbose and, as asked, --endpoint, --uri, --timeout and --json.
+/// Adds --help, --verbose, --log-config and, as asked, --endpoint, --uri, --timeout, --json and --map.
 struct CommonOptions {
     bool endpoint = true;
     bool uri = true;
     bool timeout = true;
     bool json = true;
+    bool map = true;
 };
 void addCommonOptions(po::options_description& options, Common& common, CommonOptions which);
 
 /// Parses argv (from the word after the command on); positional words, negative numbers
-/// included, go to args. Prints the usage for --help. Sets up logging (--verbose).
-CommandLine parseCommandLine(const std::string& usage, const po::options_description& options, int argc, char** argv);
+/// included, go to args. Prints the usage for --help. Sets up logging (--verbose, --log-config)
+/// and loads the map of --map into common, whose endpoint applies unless --endpoint is given.
+CommandLine parseCommandLine(const std::string& usage, const po::options_description& options, int argc, char** argv,
+                             Common* common = nullptr);
 
 /// "HOST:PORT[/PATH]" of an opc.tcp:// endpoint; UsageError when it is not one.
 std::string authorityOf(const std::string& endpoint);
 /// The endpoint given, or the default one.
 std::string endpointOrDefault(const Common& common);
-/// opcua-ps://HOST:PORT#ns=1;s=<type>, or --uri when given.
+/// Whether the entity has node ids: always without a map.
+bool inMap(const Common& common, const std::string& name);
+/// The node id of a type's variable, from the map or the simulator's layout; UsageError when
+/// a map does not have it.
+std::string variableNode(const Common& common, const std::string& type);
+/// The object and method node ids of an interface, likewise.
+MethodNodes methodNodes(const Common& common, const std::string& iface, const std::string& method);
+/// opcua-ps://HOST:PORT#<variable node>, or --uri when given.
 std::string psUri(const Common& common, const std::string& type);
-/// opcua-rr://HOST:PORT#ns=1;s=<iface>,ns=1;s=<iface>.<method>, or --uri when given.
+/// opcua-rr://HOST:PORT#<object node>,<method node>, or --uri when given.
 std::string rrUri(const Common& common, const std::string& iface, const std::string& method);
 
 /// The middleware instance of a command; its properties also bound the calls' submit time.
@@ -74,5 +88,10 @@ std::string msText(double ms);
 /// SIGINT and SIGTERM set a flag instead of ending the process (for sub and sim).
 void catchStopSignals();
 bool stopRequested();
+
+/// The last warning or error the middleware logged since the previous take, or "".
+std::string takeLastProblem();
+/// The message, with "; last problem: " and that warning or error when there is one.
+std::string withLastProblem(const std::string& message);
 
 } // namespace m2ctl

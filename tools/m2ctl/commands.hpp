@@ -9,5 +9,6 @@ int subCommand(int argc, char** argv);
 int callCommand(int argc, char** argv);
 int simCommand(int argc, char** argv);
 int tourCommand(int argc, char** argv);
+int checkCommand(int argc, char** argv);
 
 } // namespace m2ctl

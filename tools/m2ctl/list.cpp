@@ -10,10 +10,13 @@ namespace m2ctl {
 
 int listCommand(int argc, char** argv) {
     Common common;
+    bool map = false;
     po::options_description options("Options");
-    addCommonOptions(options, common, {true, false, false, true});
+    options.add_options()("map", po::bool_switch(&map),
+                          "print the simulator's layout as a name map (JSON) to edit for a device");
+    addCommonOptions(options, common, {true, false, false, true, false});
     const CommandLine line = parseCommandLine(
-        "m2ctl list [--endpoint URL] [--json]\n"
+        "m2ctl list [--endpoint URL] [--json | --map]\n"
         "Lists the 24 data types and 23 interfaces with their OPC UA types, shapes and node ids, and the\n"
         "URIs that address them on the endpoint (default " +
             defaultEndpoint + ").",
@@ -22,6 +25,10 @@ int listCommand(int argc, char** argv) {
     if (!line.args.empty()) throw UsageError("list takes no arguments, got " + inQuotes(line.args[0]));
 
     const std::string authority = authorityOf(endpointOrDefault(common));
+    if (map) {
+        std::cout << simulatorMap(endpointOrDefault(common));
+        return 0;
+    }
     std::string types, interfaces;
     if (!common.json)
         std::printf("Data types (%zu): variable NODE ID, URI opcua-ps://%s#NODE ID\n%-18s %-8s %-6s %-7s %s\n",

@@ -24,11 +24,18 @@ Commands:
   sim                     run the m2Types simulator (--port, --animate)
   tour                    publish, read back and call everything against the embedded
                           simulator (or --endpoint) and print one table
+  check [NAME...]         read how a device declares each variable and method and compare
+                          with the catalogues (read-only; --json)
+
+pub, sub, call, tour and check take --map FILE for a device whose node ids differ from the
+simulator's (`m2ctl list --map` prints the simulator's map to start from); every command
+takes --log-config FILE, a log4cplus properties file for the middleware's logs.
 
 pub, sub and call talk to --endpoint (default opc.tcp://127.0.0.1:4840, where `m2ctl sim`
 listens) or to the entity named by --uri. `m2ctl COMMAND --help` describes a command.
 Exit codes: 0 success, 1 failure (connection, timeout, refused write, false result, failed
-round trip), 2 bad command line (unknown command, type, interface or option, bad value or URI).
+round trip, a device that does not conform), 2 bad command line (unknown command, type,
+interface or option, bad value, URI or map).
 )";
 
 /// One line on stderr, whatever the message holds.
@@ -54,6 +61,7 @@ int run(int argc, char** argv) {
     static const std::pair<const char*, Command> commands[] = {
         {"list", &m2ctl::listCommand}, {"pub", &m2ctl::pubCommand}, {"sub", &m2ctl::subCommand},
         {"call", &m2ctl::callCommand}, {"sim", &m2ctl::simCommand}, {"tour", &m2ctl::tourCommand},
+        {"check", &m2ctl::checkCommand},
     };
     for (const auto& [name, function] : commands)
         if (command == name) return function(argc - 1, argv + 1);

@@ -61,7 +61,7 @@ int pubCommand(int argc, char** argv) {
         "Publishes one sample of TYPE to its variable and waits for the write result.\n"
         "A vector takes one value per argument or one comma-separated argument (\"\" for an empty one);\n"
         "a Boolean is true, false, 1 or 0. Example: m2ctl pub M2FloatVector6 1,2,3,4,5,6",
-        options, argc, argv);
+        options, argc, argv, &common);
     if (line.help) return 0;
     if (line.args.empty()) throw UsageError("pub needs a type and its value (see m2ctl list)");
     const std::string type = line.args[0];

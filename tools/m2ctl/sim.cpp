@@ -20,7 +20,7 @@ int simCommand(int argc, char** argv) {
         "bind,b", po::value<std::string>(&sim.bindAddress)->default_value("127.0.0.1")->value_name("ADDR"),
         "address to listen on, 0.0.0.0 for every interface")("animate,a", po::bool_switch(&sim.animate),
                                                              "change some variables every 200 ms");
-    addCommonOptions(options, common, {false, false, false, false});
+    addCommonOptions(options, common, {false, false, false, false, false});
     const CommandLine line = parseCommandLine(
         "m2ctl sim [options]\n"
         "Serves every m2Types variable and method over OPC UA. Prints \"ready opc.tcp://HOST:PORT\" once it\n"

@@ -101,8 +101,9 @@ int subscribe(const Common& common, const SubOptions& o) {
         subscriber->close();
     }
     if (o.count > 0 && received < o.count && !stopRequested())
-        throw std::runtime_error("received " + std::to_string(received) + " of " + std::to_string(o.count) +
-                                 " samples of " + T::typeName + " within " + formatElement(o.durationS) + " s");
+        throw std::runtime_error(withLastProblem("received " + std::to_string(received) + " of " +
+                                                 std::to_string(o.count) + " samples of " + T::typeName + " within " +
+                                                 formatElement(o.durationS) + " s"));
     return 0;
 }
 
@@ -126,7 +127,7 @@ int subCommand(int argc, char** argv) {
         "m2ctl sub TYPE [options]\n"
         "Prints the samples of TYPE with their source time until --count, --duration, Ctrl-C or SIGTERM.\n"
         "With --json, one JSON object per line.",
-        options, argc, argv);
+        options, argc, argv, &common);
     if (line.help) return 0;
     if (line.args.size() != 1) throw UsageError("sub needs exactly one type (see m2ctl list)");
     if (o.mode != "monitor" && o.mode != "poll" && o.mode != "mrv")

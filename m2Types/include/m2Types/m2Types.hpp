@@ -29,6 +29,7 @@ struct Scalar {
     static constexpr bool isVector = false;
 };
 
+/// A numeric vector field: a frozen shared vector.
 template <class E>
 struct Vector {
     using element_type = E;
@@ -36,6 +37,7 @@ struct Vector {
     static constexpr bool isVector = true;
 };
 
+/// A string vector field: a std::vector of strings.
 template <>
 struct Vector<std::string> {
     using element_type = std::string;
@@ -61,18 +63,24 @@ public:
     using field_type = Field;
     using value_type = typename Field::value_type;
 
+    /// The field's value.
     virtual value_type getValue0() const = 0;
+    /// Sets the field (a vector is shared, not copied).
     virtual void setValue0(param_t<value_type> value) = 0;
 };
 
+/// The accessors of a numeric vector field, with swapValue0.
 template <class Self, class Field>
 class Value0<Self, Field, true> : public virtual vesk::duvo::ps::DataEntity<Self> {
 public:
     using field_type = Field;
     using value_type = typename Field::value_type;
 
+    /// The field's value.
     virtual value_type getValue0() const = 0;
+    /// Sets the field (a vector is shared, not copied).
     virtual void setValue0(param_t<value_type> value) = 0;
+    /// Exchanges the field's vector with value, without copying.
     virtual void swapValue0(value_type& value) = 0;
 };
 
@@ -136,10 +144,12 @@ struct DropLast<TypeList<Acc...>, Head, Next, Rest...> : DropLast<TypeList<Acc..
 /// Rebinds a TypeList's types to another variadic template (for example a test's type list).
 template <template <class...> class To, class List>
 struct Rebind;
+/// To<Ts...> for TypeList<Ts...>.
 template <template <class...> class To, class... Ts>
 struct Rebind<To, TypeList<Ts...>> {
     using type = To<Ts...>;
 };
+/// Rebind<To, List>::type.
 template <template <class...> class To, class List>
 using rebind_t = typename Rebind<To, List>::type;
 

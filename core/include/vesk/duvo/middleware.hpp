@@ -10,6 +10,7 @@ public:
     /// Middleware properties: string keys to string values, read by the bindings.
     using Properties = std::map<std::string, std::string>;
 
+    /// Destroys the instance; the entities it created keep it alive until they go.
     virtual ~Duvo();
 };
 

@@ -15,6 +15,7 @@ namespace detail {
 /// Releases an element buffer made with new[].
 template <class E>
 struct default_array_deleter {
+    /// Deletes the array.
     void operator()(E* p) const noexcept { delete[] p; }
 };
 
@@ -23,16 +24,24 @@ struct default_array_deleter {
 template <class E>
 class shared_vector_base {
 public:
+    /// The element type.
     using element_type = E;
+    /// Sizes and indexes.
     using size_type = std::size_t;
 
+    /// Number of elements.
     size_type size() const noexcept { return size_; }
+    /// Number of elements the buffer holds from its start.
     size_type capacity() const noexcept { return capacity_; }
+    /// Index of the first element in the buffer.
     size_type offset() const noexcept { return offset_; }
+    /// Whether there are no elements.
     bool empty() const noexcept { return size_ == 0; }
     /// Number of vectors sharing the buffer (0 without a buffer).
     long use_count() const noexcept { return buffer_.use_count(); }
+    /// Whether this vector alone holds the buffer.
     bool unique() const noexcept { return buffer_.use_count() == 1; }
+    /// The shared buffer (null when empty).
     const std::shared_ptr<E>& buffer() const noexcept { return buffer_; }
 
 protected:
@@ -90,17 +99,25 @@ class shared_vector : public detail::shared_vector_base<E> {
     friend class shared_vector;
 
 public:
+    /// The element type.
     using value_type = E;
+    /// Sizes and indexes.
     using size_type = std::size_t;
+    /// An iterator over the elements.
     using iterator = E*;
+    /// A read-only iterator over the elements.
     using const_iterator = const E*;
 
+    /// An empty vector without a buffer.
     shared_vector() = default;
+    /// n copies of value in a new buffer.
     explicit shared_vector(size_type n, const E& value = E())
         : base(n ? base::allocate(n) : nullptr, 0, n, n) {
         std::fill_n(data(), n, value);
     }
+    /// The given elements in a new buffer.
     shared_vector(std::initializer_list<E> init) : shared_vector(init.begin(), init.end()) {}
+    /// The elements of the range in a new buffer.
     template <class It, class = typename std::iterator_traits<It>::iterator_category>
     shared_vector(It first, It last) {
         const auto n = static_cast<size_type>(std::distance(first, last));
@@ -111,10 +128,15 @@ public:
         }
     }
 
+    /// The first element (null when empty).
     E* data() const noexcept { return this->begin_ptr(); }
+    /// Iterator to the first element.
     E* begin() const noexcept { return data(); }
+    /// Iterator past the last element.
     E* end() const noexcept { return data() + this->size_; }
+    /// Element i, unchecked.
     E& operator[](size_type i) const noexcept { return data()[i]; }
+    /// Element i; std::out_of_range past the end.
     E& at(size_type i) const {
         if (i >= this->size_) throw std::out_of_range("shared_vector::at");
         return data()[i];
@@ -130,6 +152,7 @@ public:
         }
     }
 
+    /// Room for n elements in a buffer of its own.
     void reserve(size_type n) {
         if (n > this->capacity_ - this->offset_ || !this->unique()) reallocate(std::max(n, this->size_));
     }
@@ -143,13 +166,16 @@ public:
         this->size_ = n;
     }
 
+    /// Appends v, moving to a buffer of its own when shared or full.
     void push_back(const E& v) {
         if (!this->buffer_ || !this->unique() || this->size_ == this->capacity_ - this->offset_)
             reallocate(std::max<size_type>(this->size_ ? this->size_ * 2 : 4, this->size_ + 1));
         data()[this->size_++] = v;
     }
 
+    /// Lets go of the buffer: empty.
     void clear() noexcept { *this = shared_vector(); }
+    /// Exchanges contents with o.
     void swap(shared_vector& o) noexcept { this->swap_base(o); }
 
     /// Adopts the fields of an existing buffer (no element is copied).
@@ -174,14 +200,20 @@ class shared_vector<const E> : public detail::shared_vector_base<E> {
     friend class shared_vector;
 
 public:
+    /// The element type.
     using value_type = E;
+    /// Sizes and indexes.
     using size_type = std::size_t;
+    /// An iterator over the elements.
     using iterator = const E*;
+    /// A read-only iterator over the elements.
     using const_iterator = const E*;
 
+    /// An empty vector without a buffer.
     shared_vector() = default;
     /// Builds a new buffer holding a copy of the given elements.
     shared_vector(std::initializer_list<E> init) : shared_vector(shared_vector<E>(init)) {}
+    /// The elements of the range in a new buffer.
     template <class It, class = typename std::iterator_traits<It>::iterator_category>
     shared_vector(It first, It last) : shared_vector(shared_vector<E>(first, last)) {}
     /// Adopts the fields of an existing buffer (no element is copied).
@@ -190,18 +222,27 @@ public:
     /// Freezes a thawed vector; it must own its buffer alone.
     shared_vector(shared_vector<E>&& thawed) : base(unique_or_throw(std::move(thawed))) {}
 
+    /// The first element (null when empty).
     const E* data() const noexcept { return this->begin_ptr(); }
+    /// Iterator to the first element.
     const E* begin() const noexcept { return data(); }
+    /// Iterator past the last element.
     const E* end() const noexcept { return data() + this->size_; }
+    /// Element i, unchecked.
     const E& operator[](size_type i) const noexcept { return data()[i]; }
+    /// Element i; std::out_of_range past the end.
     const E& at(size_type i) const {
         if (i >= this->size_) throw std::out_of_range("shared_vector::at");
         return data()[i];
     }
+    /// The first element (the vector must not be empty).
     const E& front() const noexcept { return data()[0]; }
+    /// The last element (the vector must not be empty).
     const E& back() const noexcept { return data()[this->size_ - 1]; }
 
+    /// Lets go of the buffer: empty.
     void clear() noexcept { *this = shared_vector(); }
+    /// Exchanges contents with o.
     void swap(shared_vector& o) noexcept { this->swap_base(o); }
 
 private:
@@ -211,9 +252,11 @@ private:
     }
 
 public:
+    /// Same size and equal elements.
     friend bool operator==(const shared_vector& a, const shared_vector& b) {
         return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin());
     }
+    /// Not equal.
     friend bool operator!=(const shared_vector& a, const shared_vector& b) { return !(a == b); }
 };
 

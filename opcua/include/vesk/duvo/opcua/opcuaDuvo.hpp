@@ -23,17 +23,26 @@ namespace vesk::duvo::opcua::detail {
 ///   "opc.pluginPath"  the plug-in file, or the folder that holds it; without it the loader
 ///                     looks in DUVO_OPCUA_PLUGIN_PATH, next to the binding library, and on
 ///                     the library search path (see PluginLoader).
+///   "opc.logConfig"   a log4cplus properties file, applied by the first instance of the
+///                     process when the application has set up no logging (else
+///                     DUVO_LOG_CONFIG, else WARN and above of "orsa" to stderr).
 class OpcUaDuvo : public vesk::duvo::Duvo, public std::enable_shared_from_this<OpcUaDuvo> {
 public:
+    /// The QoS settings of a publisher or subscriber.
     using PsQoSList = std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>;
+    /// The QoS settings of a request/reply client.
     using RrQoSList = std::vector<std::shared_ptr<vesk::duvo::rr::qos::QoS>>;
 
     /// The module whose plug-in the typed helpers load.
     static constexpr const char* moduleName = "m2Types";
 
+    /// An instance with these properties. The first of a process also sets up logging when
+    /// the application has not (see "opc.logConfig").
     explicit OpcUaDuvo(vesk::duvo::Duvo::Properties properties = {});
+    /// Destroys the instance once no entity holds it.
     ~OpcUaDuvo() override;
 
+    /// The properties it was made with.
     const vesk::duvo::Duvo::Properties& properties() const { return properties_; }
 
     /// The client of the endpoint: the same one for every caller while anyone holds it, a new
@@ -51,28 +60,33 @@ public:
     // this instance's properties. A missing plug-in or entry point throws std::runtime_error;
     // the entity's own errors (a bad URI, a bad property) pass through unchanged.
 
+    /// A new, default-valued sample of T, made by the plug-in.
     template <class T>
     std::unique_ptr<T> createDataEntity() {
         using Entry = T* (*)();
         return std::unique_ptr<T>(reinterpret_cast<Entry>(entryPoint("DataEntity", T::typeName))());
     }
 
+    /// A publisher of T to the variable of the opcua-ps URI.
     template <class T>
     std::unique_ptr<vesk::duvo::ps::Publisher<T>> createPublisher(const std::string& uri, const PsQoSList& qos = {}) {
         return create<vesk::duvo::ps::Publisher<T>>("Publisher", T::typeName, uri, qos);
     }
 
+    /// A queued subscriber of T to the variables of the opcua-ps URI.
     template <class T>
     std::unique_ptr<vesk::duvo::ps::Subscriber<T>> createSubscriber(const std::string& uri, const PsQoSList& qos = {}) {
         return create<vesk::duvo::ps::Subscriber<T>>("Subscriber", T::typeName, uri, qos);
     }
 
+    /// A most-recent-value subscriber of T to the variables of the opcua-ps URI.
     template <class T>
     std::unique_ptr<vesk::duvo::ps::MrvSubscriber<T>> createMrvSubscriber(const std::string& uri,
                                                                          const PsQoSList& qos = {}) {
         return create<vesk::duvo::ps::MrvSubscriber<T>>("MrvSubscriber", T::typeName, uri, qos);
     }
 
+    /// A client of interface C to the object and method of the opcua-rr URI.
     template <class C>
     std::unique_ptr<C> createClient(const std::string& uri, const RrQoSList& qos = {}) {
         return create<C>("Client", C::clientName, uri, qos);

@@ -13,6 +13,7 @@ public:
     /// Throws std::runtime_error naming the file and every place looked at when it is missing
     /// or cannot be loaded.
     explicit PluginLoader(const std::string& module, const std::string& explicitPath = {});
+    /// Unloads the plug-in.
     ~PluginLoader();
     PluginLoader(const PluginLoader&) = delete;
     PluginLoader& operator=(const PluginLoader&) = delete;

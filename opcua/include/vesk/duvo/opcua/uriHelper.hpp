@@ -11,6 +11,7 @@
 
 namespace vesk::duvo::opcua {
 
+/// What an entity URI says: its kind and its endpoint.
 class UriHelper {
 public:
     /// The scheme is opcua-ps (any case).

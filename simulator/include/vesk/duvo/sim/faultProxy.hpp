@@ -9,8 +9,10 @@
 
 namespace vesk::duvo::sim {
 
+/// A proxy in front of one endpoint whose mode decides how it forwards.
 class FaultProxy {
 public:
+    /// How the proxy treats its connections.
     enum class Mode {
         PassThrough, ///< forward both ways
         Delay,       ///< hold every server-to-client byte for the delay
@@ -27,16 +29,21 @@ public:
     FaultProxy(const FaultProxy&) = delete;
     FaultProxy& operator=(const FaultProxy&) = delete;
 
+    /// The port it listens on.
     std::uint16_t port() const;
     /// "opc.tcp://127.0.0.1:<port>" followed by the target's path, if any.
     std::string endpoint() const;
 
+    /// Forwards both ways (the mode it starts in).
     void passThrough();
+    /// Holds every server-to-client byte for the delay.
     void delayReplies(std::chrono::milliseconds delay);
     /// Leaving this mode closes the connections that lost replies: their byte streams are
     /// no longer whole.
     void blackhole();
+    /// Closes every connection, and each new one until another mode is set.
     void closeAll();
+    /// The current mode.
     Mode mode() const;
 
     /// Client connections currently open.

@@ -15,6 +15,7 @@
 
 namespace vesk::duvo::sim {
 
+/// How a simulator listens and logs, and how it declares its nodes.
 struct Options {
     /// 0 picks a free port on the first start; restarts keep it.
     std::uint16_t port = 0;
@@ -25,6 +26,11 @@ struct Options {
     std::chrono::milliseconds animationPeriod{200};
     /// open62541's own messages below this level are dropped; the rest go to stderr.
     UA_LogLevel logLevel = UA_LOGLEVEL_WARNING;
+    /// Nodes declared unlike the catalogue, for conformance checks: these variables with
+    /// another element type (Double, or Float instead of Double), these interfaces' methods
+    /// without their last input argument.
+    std::vector<std::string> otherDataType;
+    std::vector<std::string> lastArgumentDropped;
 };
 
 /// How a method answers. The default is an immediate good reply carrying true.
@@ -51,8 +57,10 @@ struct CallRecord {
     std::vector<OwnedVariant> lastArguments;
 };
 
+/// The m2Types device simulator: an open62541 server on a thread of its own.
 class Simulator {
 public:
+    /// A stopped simulator; start() makes it listen.
     explicit Simulator(Options options = {});
     /// Stops the server if it runs.
     ~Simulator();
@@ -66,6 +74,7 @@ public:
     void stop();
     /// stop() and start() on the same port: clients see the server go and come back.
     void restart();
+    /// Whether it listens.
     bool running() const;
     /// The listening port (0 before the first start with a free port).
     std::uint16_t port() const;
@@ -92,12 +101,14 @@ public:
     CallRecord calls(const std::string& iface) const;
     /// Forgets every recorded call and write count.
     void clearRecords();
-    /// Sets how every method answers, or one interface's method.
+    /// Sets how every method answers.
     void setReply(const Reply& reply);
+    /// Sets how one interface's method answers.
     void setReply(const std::string& iface, const Reply& reply);
 
-    /// The variable names and interface names, in catalogue order.
+    /// The variable names, in catalogue order.
     static std::vector<std::string> variableNames();
+    /// The interface names, in catalogue order.
     static std::vector<std::string> interfaceNames();
 
 private:
