@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <iostream>
@@ -58,6 +59,14 @@ constexpr auto fallbackWait = 10ms;
 constexpr UA_UInt32 itemQueueSize = 100;
 constexpr auto subscriptionRetry = 1000ms;
 constexpr auto shutdownGrace = 200ms;
+// After a waiting caller drove the loop, the network thread stays aside this long: a caller
+// that waits again soon (a loop of synchronous publishes) drives at once, without first waking
+// the network thread out of its wait and waiting for it to let go.
+constexpr auto callerLinger = 2ms;
+// A waiting caller first looks at the network without sleeping for this long: on loopback a
+// reply comes within tens of microseconds, less than it takes to sleep and wake again. Bounded,
+// so that a loaded machine loses no more than this per wait.
+constexpr auto callerSpin = 50us;
 
 log4cplus::Logger& logger() {
     static log4cplus::Logger instance = log4cplus::Logger::getInstance("orsa.duvo.opcua.internal");
@@ -117,6 +126,10 @@ public:
     void submit(const std::shared_ptr<Pending>& p, void* request, Clock::time_point submitDeadline,
                 Clock::time_point replyDeadline, long replyTimeMs);
 
+    /// Until ready(context) or the deadline: drives open62541's loop on this thread while no
+    /// other thread does, else waits for the thread that does.
+    void awaitReady(bool (*ready)(const void*), const void* context, Clock::time_point deadline);
+
 private:
     template <class Send> UA_StatusCode sendIfUp(Send&& send);
 
@@ -142,15 +155,19 @@ private:
     };
     enum class SendResult { Sent, NotConnected, Decided };
 
-    // Network thread.
+    // Whoever drives the loop: the network thread, or a caller in awaitReady.
     void networkLoop();
+    void iterate(Clock::time_point limit, Clock::time_point spinUntil = {});
+    void standAside();
+    class Turn;
     void handleStateChanges();
     void maintainConnection(Clock::time_point now);
     void flushQueue();
     void expire(Clock::time_point now);
     void maintainMonitoring(Clock::time_point now);
     void fulfilCompleted();
-    UA_UInt32 planWait(Clock::time_point now);
+    UA_UInt32 planWait(Clock::time_point now, Clock::time_point limit);
+    bool workPendingLocked() const; // the loop has something to do at once
     void shutdownSequence();
     void resetMonitoringLocked();
 
@@ -160,7 +177,8 @@ private:
     void wakeLocked(Clock::time_point by, bool& wake);
     void requestWake();
     void requestSweep();
-    bool onNetworkThread() const { return netThreadId_.load() == std::this_thread::get_id(); }
+    // Callbacks that arrive on the driving thread are acted on by it before it waits again.
+    bool onDrivingThread() const;
     using ConnectionEvent = std::pair<bool, std::vector<std::shared_ptr<ConnectionQueue::Entry>>>;
     static void dispatchConnection(const ConnectionEvent& event);
 
@@ -221,7 +239,15 @@ private:
 
     ConnectionQueue connectionCallbacks_;
     MonitorQueue monitors_;
-    std::atomic<std::thread::id> netThreadId_{};
+    // One thread at a time drives open62541's loop: a caller waiting for a reply first, the
+    // network thread while no caller does. Never held with mutex_ or while driving.
+    std::mutex driveMutex_;
+    std::condition_variable driveCv_; // a turn ended, or the client stops
+    bool driving_ = false;
+    bool networkDriving_ = false;
+    int callersWaiting_ = 0;
+    Clock::time_point callerDroveAt_{};
+    std::atomic<bool> stopFlag_{false};
     boost::asio::io_context io_;
     std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work_;
     std::thread netThread_;
@@ -278,10 +304,7 @@ void ClientCore::start() {
             }
         }
     });
-    netThread_ = std::thread([self] {
-        self->netThreadId_.store(std::this_thread::get_id());
-        self->networkLoop();
-    });
+    netThread_ = std::thread([self] { self->networkLoop(); });
 }
 
 void ClientCore::stop() {
@@ -289,11 +312,17 @@ void ClientCore::stop() {
         std::lock_guard<std::mutex> lock(mutex_);
         stopRequested_ = true;
     }
+    {
+        std::lock_guard<std::mutex> lock(driveMutex_);
+        stopFlag_.store(true);
+    }
+    driveCv_.notify_all();
     waker_.wake();
-    // On one of our own threads the thread cannot be joined: it ends by itself right after,
-    // holding the core until then.
+    // On one of our own threads, or on a caller's thread in the middle of its turn at the loop
+    // (a completion dropped the last reference), the threads cannot be joined: they end by
+    // themselves right after, holding the core until then.
     const auto self = std::this_thread::get_id();
-    const bool onOwnThread = self == netThread_.get_id() || self == ioThread_.get_id();
+    const bool onOwnThread = self == netThread_.get_id() || self == ioThread_.get_id() || onDrivingThread();
     if (netThread_.joinable()) {
         if (onOwnThread) netThread_.detach();
         else netThread_.join();
@@ -369,24 +398,130 @@ void ClientCore::shutdownSequence() {
 // ---------------------------------------------------------------------------------------------
 // Network loop
 
-void ClientCore::networkLoop() {
-    for (;;) {
+namespace {
+thread_local const ClientCore* drivingCore = nullptr;
+} // namespace
+
+bool ClientCore::onDrivingThread() const { return drivingCore == this; }
+
+/// One thread's turn at the loop: taken with driving_ set, and given back however it ends (an
+/// exception, a cancelled thread), so the loop is never left without a driver.
+class ClientCore::Turn {
+public:
+    Turn(ClientCore& core, bool network) : core_(core), network_(network), previous_(drivingCore) {
+        drivingCore = &core;
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    ~Turn() {
+        drivingCore = previous_;
+        bool wakeOthers;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (stopRequested_) break;
+            std::lock_guard<std::mutex> lock(core_.driveMutex_);
+            core_.driving_ = false;
+            core_.networkDriving_ = false;
+            if (!network_) core_.callerDroveAt_ = Clock::now();
+            // Callers whose replies this turn fulfilled, or who wait to drive next.
+            wakeOthers = core_.callersWaiting_ > (network_ ? 0 : 1);
         }
-        handleStateChanges();
-        maintainConnection(Clock::now());
-        flushQueue();
-        expire(Clock::now());
-        maintainMonitoring(Clock::now());
-        fulfilCompleted();
-        const UA_UInt32 waitMs = planWait(Clock::now());
-        UA_Client_run_iterate(client_, waitMs);
+        if (wakeOthers) core_.driveCv_.notify_all();
+    }
+
+private:
+    ClientCore& core_;
+    bool network_;
+    const ClientCore* previous_;
+};
+
+// One round of the loop: act on what the callbacks recorded, send what waited, fail what
+// expired, then wait for the network until the next thing to do (at most until limit), and
+// hand out the replies that came.
+void ClientCore::iterate(Clock::time_point limit, Clock::time_point spinUntil) {
+    handleStateChanges();
+    maintainConnection(Clock::now());
+    flushQueue();
+    expire(Clock::now());
+    maintainMonitoring(Clock::now());
+    fulfilCompleted();
+    const UA_UInt32 waitMs = planWait(Clock::now(), limit);
+    bool arrived = false;
+    while (waitMs > 0 && !arrived && Clock::now() < spinUntil) {
+        UA_Client_run_iterate(client_, 0);
+        std::lock_guard<std::mutex> lock(mutex_);
+        arrived = workPendingLocked();
+    }
+    if (!arrived) UA_Client_run_iterate(client_, waitMs);
+    {
         std::lock_guard<std::mutex> lock(mutex_);
         plannedWake_ = Clock::time_point::min();
     }
-    shutdownSequence();
+    fulfilCompleted();
+}
+
+// The network thread waits while a caller drives or wants to, and a little after.
+void ClientCore::standAside() {
+    std::unique_lock<std::mutex> lock(driveMutex_);
+    for (;;) {
+        if (stopFlag_.load()) break;
+        const auto now = Clock::now();
+        if (driving_ || callersWaiting_ > 0) {
+            driveCv_.wait_for(lock, callerLinger);
+        } else if (now < callerDroveAt_ + callerLinger) {
+            driveCv_.wait_until(lock, callerDroveAt_ + callerLinger);
+        } else {
+            break;
+        }
+    }
+    // At shutdown it waits only for the turn in progress.
+    while (driving_) driveCv_.wait_for(lock, callerLinger);
+    driving_ = true;
+    networkDriving_ = true;
+}
+
+void ClientCore::networkLoop() {
+    for (;;) {
+        standAside();
+        Turn turn(*this, true);
+        // After stop no caller takes a turn; those still waiting see their futures failed here.
+        if (stopFlag_.load()) return shutdownSequence();
+        iterate(Clock::time_point::max());
+    }
+}
+
+void ClientCore::awaitReady(bool (*ready)(const void*), const void* context, Clock::time_point deadline) {
+    if (ready(context)) return;
+    std::unique_lock<std::mutex> lock(driveMutex_);
+    ++callersWaiting_;
+    struct Leave {
+        ClientCore& core;
+        std::unique_lock<std::mutex>& lock;
+        ~Leave() {
+            if (!lock.owns_lock()) lock.lock();
+            --core.callersWaiting_;
+        }
+    } leave{*this, lock};
+    bool askedNetwork = false;
+    while (!ready(context) && Clock::now() < deadline) {
+        if (!driving_ && !stopFlag_.load()) {
+            driving_ = true;
+            lock.unlock();
+            {
+                Turn turn(*this, false);
+                iterate(deadline, Clock::now() + callerSpin);
+            }
+            lock.lock();
+            continue;
+        }
+        // The network thread may sit in a long wait for the network: end it, once.
+        if (networkDriving_ && !askedNetwork) {
+            askedNetwork = true;
+            lock.unlock();
+            waker_.wake();
+            lock.lock();
+            continue;
+        }
+        driveCv_.wait_until(lock, deadline);
+    }
 }
 
 void ClientCore::handleStateChanges() {
@@ -519,12 +654,15 @@ void ClientCore::fulfilCompleted() {
     fulfilling_.clear();
 }
 
-UA_UInt32 ClientCore::planWait(Clock::time_point now) {
+bool ClientCore::workPendingLocked() const {
+    return stopRequested_ || !completed_.empty() || !connectionEvents_.empty() || newSession_ || inactive_ ||
+           connectRequested_ || (monitoringDirty_ && sessionActive_);
+}
+
+UA_UInt32 ClientCore::planWait(Clock::time_point now, Clock::time_point limit) {
     std::lock_guard<std::mutex> lock(mutex_);
-    Clock::time_point next = now + (wakerOpen_ && waker_.usable() ? longestWait : fallbackWait);
-    if (stopRequested_ || !completed_.empty() || !connectionEvents_.empty() || newSession_ || inactive_ ||
-        connectRequested_ || (monitoringDirty_ && sessionActive_))
-        next = now;
+    Clock::time_point next = std::min(limit, now + (wakerOpen_ && waker_.usable() ? longestWait : fallbackWait));
+    if (workPendingLocked()) next = now;
     for (const auto& p : queued_) next = std::min(next, p->submitDeadline);
     for (const auto& [raw, p] : inflight_)
         if (p->outcome == Pending::Outcome::None) next = std::min(next, p->replyDeadline);
@@ -682,7 +820,7 @@ void ClientCore::onResponse(UA_Client* client, void* userdata, UA_UInt32, void* 
         }
         core->completed_.push_back(keep);
     }
-    if (!core->onNetworkThread()) core->requestWake();
+    if (!core->onDrivingThread()) core->requestWake();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -706,7 +844,7 @@ void ClientCore::onState(UA_Client* client, UA_SecureChannelState channel, UA_Se
             if (up && std::exchange(core->sessionClosed_, false)) core->newSession_ = true;
         }
     }
-    if (!core->onNetworkThread()) core->requestWake();
+    if (!core->onDrivingThread()) core->requestWake();
 }
 
 // open62541 loses the state of a subscription or monitored-item service that it cannot send
@@ -1183,5 +1321,10 @@ void OpcUaClient::submit(const std::shared_ptr<PendingRequest>& p, void* request
 }
 
 boost::asio::io_context& OpcUaClient::ioContext() { return core_->io(); }
+
+void OpcUaClient::awaitReady(bool (*ready)(const void*), const void* context, Clock::time_point deadline) {
+    const std::shared_ptr<ClientCore> core = core_; // the wait may outlast this handle
+    core->awaitReady(ready, context, deadline);
+}
 
 } // namespace vesk::duvo::opcua::detail

@@ -51,7 +51,7 @@ using OpcUaDuvoPtr = std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo>;
             : vesk::duvo::opcua::detail::rr::SyncClientBase(uri, qos, properties, duvo),                           \
               impl(uri, qos, properties, duvo) {}                                                                  \
         bool RPC_##Method(M2TYPES_PARAMS(__VA_ARGS__)) override {                                                  \
-            return unpackAsync(impl.RPC_##Method(M2TYPES_ARGS(__VA_ARGS__)));                                      \
+            return unpackAsync(impl.clientOrNull(), impl.RPC_##Method(M2TYPES_ARGS(__VA_ARGS__)));                 \
         }                                                                                                          \
         std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return impl.getDuvo(); }                     \
         void close() override { impl.close(); }                                                                    \

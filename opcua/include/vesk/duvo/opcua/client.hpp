@@ -9,8 +9,6 @@
 #include <string>
 #include <vector>
 
-#include <sched.h>
-
 #include <boost/asio/io_context.hpp>
 #include <boost/chrono/system_clocks.hpp>
 #include <boost/thread/future.hpp>
@@ -27,9 +25,11 @@ namespace vesk::duvo::opcua::detail {
 class ClientCore;
 
 /// One open62541 client with two threads of its own:
-/// - the network thread drives open62541; every open62541 callback arrives there, and the
-///   futures below are completed there (so `.then(boost::launch::sync, ...)` continuations
-///   run on it: they must not block);
+/// - the network thread drives open62541 while no caller does: a thread that waits for a
+///   reply (awaitReady, awaitReply) drives it itself, one thread at a time, and the network
+///   thread stands aside until a moment after the last such turn. Every open62541 callback
+///   arrives on the driving thread, and the futures below are completed there (so
+///   `.then(boost::launch::sync, ...)` continuations run on it: they must not block);
 /// - the I/O-context thread runs ioContext(): pollers' timers and posted work, monitored-item
 ///   notifications and connection callbacks.
 ///
@@ -146,6 +146,11 @@ public:
     /// The I/O context run by the client's second thread.
     boost::asio::io_context& ioContext();
 
+    /// Until ready(context) or the deadline: this thread drives the client's loop while no
+    /// other thread does (a caller that waits first, the network thread only while none does),
+    /// else it waits for the one that does, whose turn hands out every reply that came.
+    void awaitReady(bool (*ready)(const void*), const void* context, Clock::time_point deadline);
+
 private:
     template <class Resp, class Done>
     static std::shared_ptr<PendingRequest> makePending(const UA_DataType* requestType, Done done) {
@@ -158,20 +163,20 @@ private:
     std::shared_ptr<ClientCore> core_;
 };
 
-/// Waits for a reply until the deadline. On loopback a reply comes within tens of
-/// microseconds, less than it takes to put a thread to sleep and wake it again: so the caller
-/// first gives its core away in short turns (other threads, the client's included, run
-/// first) for up to replySpin, and only then sleeps.
-inline constexpr std::chrono::microseconds replySpin{150};
-
+/// Waits for a reply until the deadline, driving the client's loop on this thread while no
+/// other thread does: the reply reaches its caller without a hand-over between threads.
 template <class R>
-boost::future_status awaitReply(boost::future<R>& future, boost::chrono::steady_clock::time_point deadline) {
-    const auto spinUntil = std::chrono::steady_clock::now() + replySpin;
-    do {
-        if (future.is_ready()) return boost::future_status::ready;
-        sched_yield();
-    } while (std::chrono::steady_clock::now() < spinUntil);
-    return future.wait_until(deadline);
+boost::future_status awaitReply(OpcUaClient& client, boost::future<R>& future,
+                                boost::chrono::steady_clock::time_point deadline) {
+    if (!future.is_ready()) {
+        const auto now = boost::chrono::steady_clock::now();
+        const auto until = deadline == boost::chrono::steady_clock::time_point::max()
+                               ? OpcUaClient::Clock::time_point::max()
+                               : OpcUaClient::Clock::now() + std::chrono::nanoseconds((deadline - now).count());
+        client.awaitReady([](const void* f) { return static_cast<const boost::future<R>*>(f)->is_ready(); }, &future,
+                          until);
+    }
+    return future.is_ready() ? boost::future_status::ready : boost::future_status::timeout;
 }
 
 } // namespace vesk::duvo::opcua::detail

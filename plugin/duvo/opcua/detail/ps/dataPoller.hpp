@@ -101,7 +101,7 @@ public:
         const auto waitUntil = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(periodMs);
         try {
             auto future = client->readValuesAsync(readValueIds, readValueIds.size(), deadline);
-            if (awaitReply(future, waitUntil) != boost::future_status::ready) {
+            if (awaitReply(*client, future, waitUntil) != boost::future_status::ready) {
                 sink.pollTimedOut(logger, "Msg:" + id + ": read timed out");
                 return;
             }

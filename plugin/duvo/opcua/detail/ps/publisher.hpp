@@ -153,7 +153,7 @@ public:
             return;
         }
         boost::future<WriteResponse> future = this->client->writeValuesAsync(writes, ST::fieldCount, deadline);
-        if (awaitReply(future, waitUntil) != boost::future_status::ready)
+        if (awaitReply(*this->client, future, waitUntil) != boost::future_status::ready)
             throw vesk::duvo::TimeoutException("timeout when publishing");
         try {
             checkWriteResponse(future);

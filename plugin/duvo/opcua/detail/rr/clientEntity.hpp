@@ -139,6 +139,12 @@ public:
         return future;
     }
 
+    /// The shared client, or null once closed: a synchronous caller drives it while it waits.
+    std::shared_ptr<OpcUaClient> clientOrNull() const {
+        std::lock_guard<std::mutex> lock(clientMutex);
+        return client;
+    }
+
     std::int64_t getSubmitTimeoutMs() const noexcept { return submitTimeoutMs; }
     std::int64_t getReplyTimeMs() const noexcept { return replyTimeMs; }
     const std::vector<Method>& getMethods() const noexcept { return methods; }

@@ -29,12 +29,15 @@ public:
         if (reply != 2147483647) replyTimeout = reply;
     }
 
+    /// client: the one the call went to (null: just wait), which this thread drives meanwhile.
     template <class R>
-    R unpackAsync(boost::future<R>&& future) const {
+    R unpackAsync(const std::shared_ptr<OpcUaClient>& client, boost::future<R>&& future) const {
         if (!future.valid()) throw boost::future_uninitialized();
+        if (client && !replyTimeout) awaitReply(*client, future, boost::chrono::steady_clock::time_point::max());
         if (replyTimeout) {
             const auto deadline = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(*replyTimeout);
-            if (awaitReply(future, deadline) != boost::future_status::ready)
+            if ((client ? awaitReply(*client, future, deadline) : future.wait_until(deadline)) !=
+                boost::future_status::ready)
                 throw vesk::duvo::TimeoutException("timeout when waiting for data");
             try {
                 return future.get();
