@@ -31,6 +31,7 @@ using duvo::test::make;
 using namespace std::chrono_literals;
 using duvo::test::Pair;
 using duvo::test::PairBinding;
+using vesk::duvo::opcua::detail::OpcUaClient;
 using vesk::duvo::opcua::detail::OpcUaDuvo;
 using vesk::duvo::opcua::detail::ps::EntityState;
 using vesk::duvo::opcua::detail::ps::OpcUaMrvSubscriber;
@@ -116,9 +117,9 @@ protected:
     }
 
     /// Returns once whatever the client's delivery thread is doing now has finished.
-    void flushDeliveries() {
+    static void flushDeliveries(OpcUaClient& client) {
         boost::promise<void> flushed;
-        boost::asio::post(duvo->getClient(simulator->endpoint(), {})->ioContext(), [&flushed] { flushed.set_value(); });
+        boost::asio::post(client.ioContext(), [&flushed] { flushed.set_value(); });
         flushed.get_future().wait();
     }
 
@@ -126,6 +127,7 @@ protected:
     /// the number of calls, -1 when none came.
     template <class Type, class Binding>
     int dropInOwnCallback(const std::string& uri, const Properties& properties) {
+        const auto client = duvo->getClient(simulator->endpoint(), {}); // outlives the subscriber
         std::unique_ptr<vesk::duvo::ps::Subscriber<Type>> subscriber =
             std::make_unique<OpcUaSubscriberDelegator<Type, Binding>>(make<OpcUaSubscriber<Type, Binding>>(uri, properties, duvo));
         std::atomic<int> calls{0};
@@ -139,7 +141,7 @@ protected:
         const auto end = std::chrono::steady_clock::now() + 10s;
         while (!dropped.load() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
         if (!dropped.load()) return -1;
-        flushDeliveries();
+        flushDeliveries(*client);
         return calls.load();
     }
 };
@@ -251,6 +253,7 @@ TEST_F(Lifetime, subscribers_destroyed_without_close_stop_delivering) {
 TEST_F(Lifetime, a_subscriber_closes_or_destroys_itself_from_its_own_callbacks) {
     using Subscriber = vesk::duvo::ps::Subscriber<T>;
     ServerWriter writer(*simulator);
+    const auto client = duvo->getClient(simulator->endpoint(), {}); // outlives the subscribers
     for (const Properties& properties :
          {Properties{{"opc.ps.pollingPeriodMs", "0"}},
           Properties{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "2"}}}) {
@@ -311,7 +314,7 @@ TEST_F(Lifetime, a_subscriber_closes_or_destroys_itself_from_its_own_callbacks) 
                 EXPECT_THROW(polled->read(0), vesk::duvo::IllegalStateException);
                 polled.reset();
             }
-            flushDeliveries();
+            flushDeliveries(*client);
             EXPECT_EQ(syncCalls, 1);
         }
     }
