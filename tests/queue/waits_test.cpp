@@ -35,7 +35,7 @@ TEST(QueuedWaits, readDataEvents_wakes_when_the_count_is_reached) {
     EXPECT_EQ(values(sub.read(0)), (std::vector<int>{13}));    // beyond the count: queued
 }
 
-TEST(QueuedWaits, poll_with_timeout_0_dispatches_what_is_queued_inside_the_scan) {
+TEST(QueuedWaits, poll_with_timeout_0_dispatches_what_is_queued_and_returns) {
     KeyedSubscriber sub;
     std::vector<int> seen;
     std::thread::id callbackThread;
