@@ -1,8 +1,10 @@
 // What monitors, pollers, publishers and calls report when something goes wrong: the exact
 // texts, the log lines, and what reaches the application's queue.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <memory>
 #include <string>
 #include <thread>
@@ -31,6 +33,7 @@ using namespace std::chrono_literals;
 using duvo::test::LogRecorder;
 using vesk::duvo::opcua::detail::ps::EntityState;
 using vesk::duvo::opcua::detail::ps::MrvSink;
+using vesk::duvo::opcua::detail::ps::OpcUaDataMonitor;
 using vesk::duvo::opcua::detail::ps::OpcUaDataPoller;
 using vesk::duvo::opcua::detail::ps::QueuedSink;
 using vesk::duvo::opcua::detail::ps::OpcUaMrvDataPoller;
@@ -124,6 +127,34 @@ TEST_F(MonitorFailures, a_value_of_the_wrong_type_gives_one_error_and_an_empty_a
     EXPECT_EQ(log.lines().size(), 2u);
 }
 
+TEST_F(MonitorFailures, a_value_without_source_time_is_timed_as_a_poll_would_time_it) {
+    // A server that stamps only its own time: the data's age is unknown, monitored or polled,
+    // so that Deadline and Latency judge both alike.
+    vesk::duvo::ps::queue::QueuedSubscriber<T, ST> store;
+    OpcUaDataMonitor<T, ST> monitor(QueuedSink<T, ST>{&store}, duvo->getClient(simulator->endpoint(), {}), {}, 0.0,
+                                    nullptr);
+    UA_Int32 number = 7;
+    UA_DataValue value;
+    UA_DataValue_init(&value);
+    UA_Variant_setScalarCopy(&value.value, &number, &UA_TYPES[UA_TYPES_INT32]);
+    value.hasValue = true;
+    value.serverTimestamp = UA_DateTime_now();
+    value.hasServerTimestamp = true;
+    UA_ReadResponse polled;
+    UA_ReadResponse_init(&polled);
+    polled.results = &value;
+    polled.resultsSize = 1;
+    const double pollTime = vesk::duvo::opcua::detail::maxDataTimestamp(polled);
+
+    monitor.onMonitoredDataChange(&value); // takes the value's contents
+    Events events;
+    store.readDataEvents(DataEventFilter<T>(), events, 1, 0ms);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]->getData()->getValue0(), 7);
+    EXPECT_EQ(events[0]->getSourceTimestamp(), pollTime);
+    UA_DataValue_clear(&value);
+}
+
 class PollerFailures : public duvo::test::SimulatorSuite {};
 
 TEST_F(PollerFailures, an_unknown_node_is_logged_and_reported_as_gone) {
@@ -207,6 +238,60 @@ TEST_F(PollerFailures, a_silent_server_times_the_read_out) {
     queued.reset(); // each waits for its poll in progress
     mostRecent.reset();
     proxy.passThrough();
+}
+
+/// How each read of a poller ended, in order.
+struct OutcomeSink {
+    static constexpr const char* pollerName = "OpcUaSubscriber for nodes";
+    static constexpr bool watchesConnection = false;
+    struct Record {
+        std::mutex mutex;
+        std::vector<std::string> outcomes;
+        void add(const char* outcome) {
+            std::lock_guard<std::mutex> lock(mutex);
+            outcomes.emplace_back(outcome);
+        }
+        std::vector<std::string> get() {
+            std::lock_guard<std::mutex> lock(mutex);
+            return outcomes;
+        }
+    };
+    std::shared_ptr<Record> record;
+    void sample(std::unique_ptr<ST>, double) const { record->add("sample"); }
+    void connectionLost() const {}
+    void pollTimedOut(log4cplus::Logger&, const std::string&) const { record->add("timed out"); }
+    void pollFailed(log4cplus::Logger&, const std::string&) const { record->add("failed"); }
+    void pollThrew() const { record->add("threw"); }
+    void conversionFailed(log4cplus::Logger&, const std::string&, double) const {}
+};
+
+TEST_F(PollerFailures, a_read_unanswered_at_its_deadline_times_out_whoever_notices_first) {
+    // The client's own deadline and the poller's wait end together: either way it is a timeout.
+    vesk::duvo::sim::FaultProxy proxy(simulator->endpoint());
+    const std::string uri = psUri("M2Int32Value0", proxy.endpoint());
+    const auto record = std::make_shared<OutcomeSink::Record>();
+    {
+        vesk::duvo::opcua::detail::ps::BasicDataPoller<ST, OutcomeSink> poller(
+            OutcomeSink{record}, duvo->getClient(proxy.endpoint(), {}), vesk::duvo::opcua::detail::getNodeIds(uri), 30);
+        // Reads time out until the session is up; then the value arrives once.
+        const auto sampled = [&] {
+            const auto outcomes = record->get();
+            return std::find(outcomes.begin(), outcomes.end(), "sample") != outcomes.end();
+        };
+        const auto end = std::chrono::steady_clock::now() + 10s;
+        while (!sampled() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(5ms);
+        ASSERT_TRUE(sampled());
+        proxy.blackhole();
+        const std::size_t before = record->get().size();
+        // Before the client gives the silent connection up.
+        while (record->get().size() < before + 16 && std::chrono::steady_clock::now() < end + 5s)
+            std::this_thread::sleep_for(5ms);
+    }
+    proxy.passThrough();
+    const auto outcomes = record->get();
+    const auto first = std::find(outcomes.begin(), outcomes.end(), "sample") + 1;
+    ASSERT_GE(outcomes.end() - first, 16);
+    EXPECT_EQ(std::vector<std::string>(first, first + 16), std::vector<std::string>(16, "timed out"));
 }
 
 /// A write response built by hand, as the server might send it.

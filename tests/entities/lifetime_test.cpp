@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include <boost/asio/post.hpp>
 #include <boost/thread/future.hpp>
 #include <gtest/gtest.h>
 #include <open62541/types.h>
@@ -30,12 +31,14 @@ using duvo::test::make;
 using namespace std::chrono_literals;
 using duvo::test::Pair;
 using duvo::test::PairBinding;
+using vesk::duvo::opcua::detail::OpcUaClient;
 using vesk::duvo::opcua::detail::OpcUaDuvo;
 using vesk::duvo::opcua::detail::ps::EntityState;
 using vesk::duvo::opcua::detail::ps::OpcUaMrvSubscriber;
 using vesk::duvo::opcua::detail::ps::OpcUaPublisher;
 using vesk::duvo::opcua::detail::ps::OpcUaPublisherDelegator;
 using vesk::duvo::opcua::detail::ps::OpcUaSubscriber;
+using vesk::duvo::opcua::detail::ps::OpcUaSubscriberDelegator;
 using vesk::duvo::ps::DataEvent;
 using vesk::duvo::ps::DataEventFilter;
 using PsQoS = std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>;
@@ -111,6 +114,35 @@ protected:
             std::this_thread::sleep_for(5ms);
         }
         return false;
+    }
+
+    /// Returns once whatever the client's delivery thread is doing now has finished.
+    static void flushDeliveries(OpcUaClient& client) {
+        boost::promise<void> flushed;
+        boost::asio::post(client.ioContext(), [&flushed] { flushed.set_value(); });
+        flushed.get_future().wait();
+    }
+
+    /// Drops the subscriber, as createSubscriber returns it, in its own asynchronous callback;
+    /// the number of calls, -1 when none came.
+    template <class Type, class Binding>
+    int dropInOwnCallback(const std::string& uri, const Properties& properties) {
+        const auto client = duvo->getClient(simulator->endpoint(), {}); // outlives the subscriber
+        std::unique_ptr<vesk::duvo::ps::Subscriber<Type>> subscriber =
+            std::make_unique<OpcUaSubscriberDelegator<Type, Binding>>(make<OpcUaSubscriber<Type, Binding>>(uri, properties, duvo));
+        std::atomic<int> calls{0};
+        std::atomic<bool> dropped{false};
+        subscriber->subscribeAsync(DataEventFilter<Type>(),
+                                   [&](vesk::duvo::ps::Subscriber<Type>&, const DataEvent<Type>&) {
+                                       if (calls++ != 0) return;
+                                       subscriber.reset();
+                                       dropped = true;
+                                   });
+        const auto end = std::chrono::steady_clock::now() + 10s;
+        while (!dropped.load() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
+        if (!dropped.load()) return -1;
+        flushDeliveries(*client);
+        return calls.load();
     }
 };
 
@@ -218,15 +250,17 @@ TEST_F(Lifetime, subscribers_destroyed_without_close_stop_delivering) {
     mostRecent.reset();
 }
 
-TEST_F(Lifetime, a_subscriber_closes_itself_from_its_own_callback) {
+TEST_F(Lifetime, a_subscriber_closes_or_destroys_itself_from_its_own_callbacks) {
+    using Subscriber = vesk::duvo::ps::Subscriber<T>;
     ServerWriter writer(*simulator);
+    const auto client = duvo->getClient(simulator->endpoint(), {}); // outlives the subscribers
     for (const Properties& properties :
          {Properties{{"opc.ps.pollingPeriodMs", "0"}},
           Properties{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "2"}}}) {
         auto subscriber = make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0"), properties, duvo);
         std::atomic<int> closes{0};
         auto subscription = subscriber->subscribeAsync(
-            DataEventFilter<T>(), [&closes](vesk::duvo::ps::Subscriber<T>& self, const DataEvent<T>&) {
+            DataEventFilter<T>(), [&closes](Subscriber& self, const DataEvent<T>&) {
                 if (closes++ == 0) self.close();
             });
         // The store closes last: once reads fail, the whole close has happened.
@@ -248,6 +282,41 @@ TEST_F(Lifetime, a_subscriber_closes_itself_from_its_own_callback) {
         subscriber.reset();
         std::this_thread::sleep_for(50ms);
         EXPECT_EQ(closes.load(), 1);
+
+        // The one-shot pattern: the application drops the subscriber it was given inside the
+        // subscriber's own delivery.
+        EXPECT_EQ((dropInOwnCallback<T, ST>(psUri("M2Int32Value0"), properties)), 1);
+        EXPECT_EQ((dropInOwnCallback<Pair, PairBinding>(pairUri(), properties)), 1);
+
+        // A synchronous callback closes, or drops, the subscriber inside poll's first scan
+        // while a delivery waits to enter the store.
+        for (const bool destroy : {false, true}) {
+            std::unique_ptr<Subscriber> polled = std::make_unique<OpcUaSubscriberDelegator<T, ST>>(
+                make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0"), properties, duvo));
+            int syncCalls = 0;
+            auto sync = polled->subscribe(DataEventFilter<T>(), [&](Subscriber& self, const DataEvent<T>&) {
+                if (syncCalls++ != 0) return;
+                std::this_thread::sleep_for(100ms); // the server keeps writing: a delivery arrives meanwhile
+                if (destroy)
+                    polled.reset();
+                else
+                    self.close();
+            });
+            const auto stop = std::chrono::steady_clock::now() + 10s;
+            while (syncCalls == 0 && std::chrono::steady_clock::now() < stop) {
+                polled->poll(1, 0ms); // the first scan only
+                if (syncCalls == 0) std::this_thread::sleep_for(2ms);
+            }
+            ASSERT_EQ(syncCalls, 1);
+            if (destroy) {
+                EXPECT_EQ(polled, nullptr);
+            } else {
+                EXPECT_THROW(polled->read(0), vesk::duvo::IllegalStateException);
+                polled.reset();
+            }
+            flushDeliveries(*client);
+            EXPECT_EQ(syncCalls, 1);
+        }
     }
 }
 

@@ -190,27 +190,28 @@ private:
     unsigned long maxCount_;
 };
 
-/// poll, scanning the queue: runs the matching synchronous subscription's callback at once.
+/// poll, scanning the queue: takes each event that a synchronous subscription selects and
+/// hands (event, subscription) to the poller, which runs the callback once the scan is over.
 template <class T, class ST>
 class DataEventPredicatePoll : public DataEventPredicate<T, ST> {
 public:
-    DataEventPredicatePoll(const SyncSubscriptionMap<T>& subscriptions, Subscriber<T>& subscriber,
-                           std::atomic<unsigned long>& count, unsigned long maxCount)
-        : DataEventPredicate<T, ST>(DataEventFilter<T>()), subscriptions_(subscriptions), subscriber_(subscriber),
-          count_(count), maxCount_(maxCount) {}
+    DataEventPredicatePoll(const SyncSubscriptionMap<T>& subscriptions, std::shared_ptr<PollWaiter<T>> waiter,
+                           unsigned long maxCount)
+        : DataEventPredicate<T, ST>(DataEventFilter<T>()), subscriptions_(subscriptions), waiter_(std::move(waiter)),
+          maxCount_(maxCount) {}
 
     MatchResult matchAndProcess(const std::shared_ptr<DataEvent<T>>& event) override {
         if (!this->matches(*event)) return MatchResult::NoMatch;
-        const auto subscription = findSyncSubscription(subscriptions_, *event);
+        auto subscription = findSyncSubscription(subscriptions_, *event);
         if (!subscription) return MatchResult::NoMatch;
-        runListenerCallback([&] { subscription->callback(subscriber_, *event); });
-        return countReached(++count_, maxCount_) ? MatchResult::ConsumeAndStop : MatchResult::Consume;
+        std::lock_guard<std::mutex> lock(waiter_->mutex);
+        waiter_->pending.emplace_back(event, std::move(subscription));
+        return countReached(++waiter_->count, maxCount_) ? MatchResult::ConsumeAndStop : MatchResult::Consume;
     }
 
 private:
     const SyncSubscriptionMap<T>& subscriptions_;
-    Subscriber<T>& subscriber_;
-    std::atomic<unsigned long>& count_;
+    std::shared_ptr<PollWaiter<T>> waiter_;
     unsigned long maxCount_;
 };
 

@@ -17,7 +17,8 @@ namespace vesk::duvo::ps::queue {
 /// detail::QueuedSubscriberImpl, which it owns.
 ///
 /// close() first, then destroy: a subscriber must not be destroyed while other threads are
-/// still inside its calls; close() makes waiting readers return.
+/// still inside its calls; close() makes waiting readers return. Its own callbacks may close
+/// or destroy it.
 template <class T, class ST>
 class QueuedSubscriber : public Subscriber<T> {
 public:
@@ -36,7 +37,9 @@ public:
     /// A sample from the source, received now. data may be empty; sourceTime: seconds since
     /// the Unix epoch; alive: 0 when the source was lost.
     void newData(std::unique_ptr<T> data, double sourceTime, long alive) {
-        impl_->newData(std::move(data), sourceTime, alive, static_cast<long>(util::currentTimeMillis()));
+        // A callback of this delivery may drop the front: the store stays until it ends.
+        const std::shared_ptr<Impl> impl = impl_;
+        impl->newData(std::move(data), sourceTime, alive, static_cast<long>(util::currentTimeMillis()));
     }
 
     std::vector<std::shared_ptr<T>> read(unsigned long maxCount) override { return impl_->read(maxCount); }

@@ -41,9 +41,10 @@ struct QueueCapacities {
 /// events, one queue per keyed instance, the waiting readers and the subscriptions.
 ///
 /// Lock order: data mutex, then dispatch mutex, then a waiter's own mutex. Readers never wait
-/// while holding the data mutex. Callbacks that run under the data mutex (asynchronous
-/// subscriptions, and poll's first scan) must not call back into the subscriber: such a call
-/// is refused with an IllegalStateException instead of deadlocking.
+/// while holding the data mutex. Asynchronous callbacks run under the data mutex and must not
+/// call back into the subscriber: such a call is refused with an IllegalStateException instead
+/// of deadlocking. Synchronous callbacks run without any subscriber lock. Once closed, no
+/// callback starts: a callback may close, or destroy, the subscriber it was called for.
 template <class T, class ST>
 class QueuedSubscriberImpl : public std::enable_shared_from_this<QueuedSubscriberImpl<T, ST>> {
 public:
@@ -172,23 +173,27 @@ public:
         stateCheck();
         const auto start = std::chrono::steady_clock::now();
         if (timeout.count() < 0) throw DuvoException("negative timeout given to poll");
-        const auto self = this->shared_from_this(); // kept alive while waiting
+        // Kept alive while waiting, and while a callback closes or drops the subscriber.
+        const auto self = this->shared_from_this();
 
+        // The scan takes the queued events for the callbacks, which then run with no lock held
+        // like those of the events that arrive later: a callback that closes the subscriber
+        // waits for a delivery in progress, and that delivery needs the data mutex.
         auto waiter = std::make_shared<PollWaiter<T>>();
         std::string key;
-        unsigned long dispatched = 0;
         {
             DataLock lock(*this);
             housekeeping(util::currentTimeMillis());
-            DataEventPredicatePoll<T, ST> scan(syncSubscriptions_, subscriber_, waiter->count, maxCount);
+            DataEventPredicatePoll<T, ST> scan(syncSubscriptions_, waiter, maxCount);
             internalReadQueue(scan);
-            dispatched = waiter->count.load();
-            if (countReached(dispatched, maxCount) || timeout.count() == 0) return dispatched;
-            key = util::newUUID();
-            predicates_.emplace(key, std::make_shared<DataEventPredicatePollListener<T, ST>>(syncSubscriptions_,
-                                                                                          waiter, maxCount));
+            if (!countReached(waiter->count.load(), maxCount) && timeout.count() != 0) {
+                key = util::newUUID();
+                predicates_.emplace(key, std::make_shared<DataEventPredicatePollListener<T, ST>>(syncSubscriptions_,
+                                                                                              waiter, maxCount));
+            }
         }
 
+        unsigned long dispatched = 0;
         const auto deadline = start + timeout;
         for (;;) {
             typename PollWaiter<T>::Pending next;
@@ -197,7 +202,7 @@ public:
                 if (waiter->pending.empty()) {
                     // The listener leaves at the count; when a handed-over event belonged to
                     // a subscription closed meanwhile, the count is short but nothing more comes.
-                    if (waiter->cancelled || waiter->finished ||
+                    if (key.empty() || waiter->cancelled || waiter->finished ||
                         deadline - std::chrono::steady_clock::now() < std::chrono::milliseconds(1))
                         break;
                     waiter->wake.wait_until(lock, deadline);
@@ -207,9 +212,9 @@ public:
                 waiter->pending.pop_front();
             }
             if (dispatchPending(next)) ++dispatched;
-            if (countReached(dispatched, maxCount)) break;
+            if (countReached(dispatched, maxCount) || closed_.load()) break;
         }
-        {
+        if (!key.empty()) {
             DataLock lock(*this);
             predicates_.erase(key);
         }
@@ -280,6 +285,7 @@ public:
         auto predicate = std::make_shared<DataEventPredicateAsyncSubscriptionListener<T, ST>>(
             filter, std::move(callback), subscriber_);
         const std::string key = util::newUUID();
+        const auto self = this->shared_from_this(); // a callback may drop the subscriber
         {
             DataLock lock(*this);
             filterCheck(filter, syncSubscriptions_, predicates_);
@@ -297,6 +303,7 @@ public:
         auto predicate = std::make_shared<DataEventPredicateAsyncSubscriptionNotifier<T, ST>>(
             filter, std::move(callback), subscriber_);
         const std::string key = util::newUUID();
+        const auto self = this->shared_from_this(); // a callback may drop the subscriber
         {
             // The queue is walked under the data mutex too: the dispatch mutex alone does not
             // keep newData from changing it.
@@ -428,6 +435,8 @@ private:
     /// unless a predicate took it.
     void addToQueue(std::unique_ptr<T> data, double sourceTime, bool validData, std::unique_ptr<InstanceState> state,
                     InstanceEvent event, InstancePtr instance, long nowMs) {
+        // A callback of an earlier event may have closed the subscriber, or dropped its front.
+        if (closed_.load()) return;
         auto created = std::make_shared<Event>(std::move(instance), sourceTime, std::shared_ptr<T>(std::move(data)),
                                                validData, std::move(state), event);
         bool taken = false;
@@ -454,7 +463,7 @@ private:
 
     /// With the data mutex: offers queued events, oldest first, to a predicate.
     void internalReadQueue(Predicate& predicate) {
-        for (auto it = queue_.begin(); it != queue_.end();) {
+        for (auto it = queue_.begin(); it != queue_.end() && !closed_.load();) {
             const std::shared_ptr<DataEvent<T>> offered = *it;
             switch (predicate.matchAndProcess(offered)) {
             case MatchResult::NoMatch:
@@ -552,10 +561,10 @@ private:
         return samples;
     }
 
-    /// Runs a callback handed over to a waiting poller, with no subscriber lock held; a
-    /// subscription closed meanwhile is not called.
+    /// Runs a callback taken for poll, with no subscriber lock held; a subscription closed
+    /// meanwhile, or a closed subscriber, is not called.
     bool dispatchPending(const typename PollWaiter<T>::Pending& pending) {
-        if (pending.second->closed.load()) return false;
+        if (closed_.load() || pending.second->closed.load()) return false;
         runListenerCallback([&] { pending.second->callback(subscriber_, *pending.first); });
         return true;
     }
@@ -580,7 +589,7 @@ private:
     const std::uint64_t queueCapacity_;
 
     std::mutex stateMutex_;
-    bool closed_ = false;
+    std::atomic<bool> closed_{false}; // written under the state mutex; read by deliveries without it
 
     std::mutex dataMutex_;
     std::atomic<std::thread::id> dataOwner_{std::thread::id()};

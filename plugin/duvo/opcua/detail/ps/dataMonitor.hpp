@@ -16,13 +16,11 @@
 
 namespace vesk::duvo::opcua::detail::ps {
 
-/// The data time of a notification: its source time, else the server's, else now.
+/// The data time of a notification: its source time only, 0.0 without one, as a poll times
+/// its read. The server's time or now would make data of unknown age pass Deadline and Latency.
 inline double notificationTime(const UA_DataValue& value) {
-    if (value.hasSourceTimestamp)
-        return unixTimestamp(value.sourceTimestamp, value.hasSourcePicoseconds ? value.sourcePicoseconds : 0);
-    if (value.hasServerTimestamp)
-        return unixTimestamp(value.serverTimestamp, value.hasServerPicoseconds ? value.serverPicoseconds : 0);
-    return vesk::duvo::util::timestampToDouble(vesk::duvo::util::currentTimeMillis());
+    if (!value.hasSourceTimestamp) return 0.0;
+    return unixTimestamp(value.sourceTimestamp, value.hasSourcePicoseconds ? value.sourcePicoseconds : 0);
 }
 
 /// Receives the data-change notifications of a subscription's nodes. With several nodes a

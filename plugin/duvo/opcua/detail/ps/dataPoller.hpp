@@ -101,8 +101,11 @@ public:
         const auto waitUntil = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(periodMs);
         try {
             auto future = client->readValuesAsync(readValueIds, readValueIds.size(), deadline);
-            if (awaitReply(*client, future, waitUntil) != boost::future_status::ready) {
-                sink.pollTimedOut(logger, "Msg:" + id + ": read timed out");
+            // The client keeps the same deadline: when it fails the read first, the read timed
+            // out all the same.
+            if (awaitReply(*client, future, waitUntil) != boost::future_status::ready ||
+                (future.has_exception() && std::chrono::steady_clock::now() >= deadline)) {
+                timedOut();
                 return;
             }
             const OpcUaClient::ReadResponse response = future.get();
@@ -157,6 +160,8 @@ private:
             g->runner.store(std::thread::id());
         };
     }
+
+    void timedOut() { sink.pollTimedOut(logger, "Msg:" + id + ": read timed out"); }
 
     template <class F>
     void post(F f) {

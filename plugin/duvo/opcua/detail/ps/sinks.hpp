@@ -19,12 +19,13 @@ namespace vesk::duvo::opcua::detail::ps {
 
 /// Knows which threads are delivering into a store. The application may close a subscriber
 /// from its own callback and then destroy it from another thread while that delivery is
-/// still unwinding inside the store; the entity's destructor waits for it here.
+/// still unwinding inside the store; the entity's destructor waits for it here. Shared with
+/// the deliveries, since a callback may also destroy the entity it was called for.
 class DeliveryGate {
 public:
     class Pass {
     public:
-        explicit Pass(DeliveryGate* gate) : gate_(gate) {
+        explicit Pass(std::shared_ptr<DeliveryGate> gate) : gate_(std::move(gate)) {
             if (gate_ != nullptr) gate_->enter();
         }
         ~Pass() {
@@ -34,7 +35,7 @@ public:
         Pass& operator=(const Pass&) = delete;
 
     private:
-        DeliveryGate* gate_;
+        const std::shared_ptr<DeliveryGate> gate_;
     };
 
     /// Waits until no other thread delivers; a delivery on this thread finishes by itself.
@@ -68,7 +69,7 @@ struct QueuedSink {
     static constexpr bool watchesConnection = true;
 
     vesk::duvo::ps::queue::QueuedSubscriber<T, ST>* store;
-    DeliveryGate* gate = nullptr;
+    std::shared_ptr<DeliveryGate> gate;
 
     void sample(std::unique_ptr<ST> sample, double time) const {
         const DeliveryGate::Pass pass(gate);
@@ -101,7 +102,7 @@ struct MrvSink {
     static constexpr bool watchesConnection = false;
 
     vesk::duvo::ps::queue::MapMrvSubscriber<T, ST>* store;
-    DeliveryGate* gate = nullptr;
+    std::shared_ptr<DeliveryGate> gate;
 
     void sample(std::unique_ptr<ST> sample, double /*time*/) const {
         const DeliveryGate::Pass pass(gate);

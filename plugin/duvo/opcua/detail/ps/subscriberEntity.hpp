@@ -44,7 +44,7 @@ public:
         }
         // A close() made from the application's callback returned before the delivery that
         // called it left the store.
-        gate.drain();
+        gate->drain();
     }
 
     bool hasMonitor() const noexcept { return monitor.has_value(); }
@@ -62,7 +62,7 @@ protected:
           logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.subscriber")) {
         const bool usePoll = getDuvoProperty<bool>(properties, "opc.ps.usePollSubscriber", false);
         const int periodMs = getDuvoProperty<int>(properties, "opc.ps.pollingPeriodMs", 1000);
-        const Sink sink{this, &gate};
+        const Sink sink{this, gate};
         if (usePoll) {
             poller.emplace(sink, this->client, this->nodeIds, periodMs);
         } else {
@@ -85,7 +85,8 @@ private:
 
     log4cplus::Logger logger;
     std::atomic<bool> shuttingDown{false};
-    DeliveryGate gate; // outlives the monitor and the poller, which deliver through it
+    // Outlives the monitor and the poller, which deliver through it.
+    const std::shared_ptr<DeliveryGate> gate = std::make_shared<DeliveryGate>();
     std::optional<Monitor> monitor;
     std::optional<Poller> poller;
 };
