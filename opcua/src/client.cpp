@@ -57,6 +57,7 @@ constexpr auto longestWait = 1000ms;
 constexpr auto fallbackWait = 10ms;
 constexpr UA_UInt32 itemQueueSize = 100;
 constexpr auto subscriptionRetry = 1000ms;
+constexpr double longestPublishingInterval = 100; // ms
 constexpr auto shutdownGrace = 200ms;
 
 log4cplus::Logger& logger() {
@@ -112,7 +113,8 @@ public:
     void asyncConnect();
     bool isConnected();
     ConnectionQueue::Handle addConnectionCallback(OpcUaClient::ConnectionCallback cb);
-    MonitorQueue::Handle monitor(const UA_NodeId& nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> cb);
+    MonitorQueue::Handle monitor(const UA_NodeId& nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> cb,
+                                 std::function<void(UA_StatusCode)> onStatus);
 
     void submit(const std::shared_ptr<Pending>& p, void* request, Clock::time_point submitDeadline,
                 Clock::time_point replyDeadline, long replyTimeMs);
@@ -776,11 +778,13 @@ void ClientCore::dispatchConnection(const ConnectionEvent& event) {
 // Monitored items
 
 MonitorQueue::Handle ClientCore::monitor(const UA_NodeId& nodeId, double samplingIntervalMs,
-                                         std::function<void(UA_DataValue*)> cb) {
+                                         std::function<void(UA_DataValue*)> cb,
+                                         std::function<void(UA_StatusCode)> onStatus) {
     OpcUaClient::MonitoredNode node;
     node.nodeId = OpcUaClient::NodeId(nodeId);
     node.samplingIntervalMs = std::max(0.0, samplingIntervalMs);
     node.callback = std::move(cb);
+    node.onStatus = std::move(onStatus);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         node.clientKey = nextKey_++;
@@ -866,7 +870,9 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
             return;
         }
 
-        const double smallest = smallestInterval_;
+        // The first value of an item made now comes with the next publish: a slow sampling
+        // interval must not hold it back (nor any later change) by as long as itself.
+        const double smallest = smallestInterval_ < 0 ? -1 : std::min(smallestInterval_, longestPublishingInterval);
 
         if (sub_.state == SubscriptionState::None && smallest >= 0 && now >= sub_.retryAt) {
             UA_CreateSubscriptionRequest request = UA_CreateSubscriptionRequest_default();
@@ -1044,6 +1050,23 @@ void ClientCore::onSubscriptionModified(UA_Client* client, void*, UA_UInt32, voi
     core->sub_.modifying = false;
 }
 
+namespace {
+// On the I/O-context thread, in order with the item's notifications, which come after it.
+void postStatus(boost::asio::io_context& io, std::shared_ptr<MonitorQueue::Entry> entry, UA_StatusCode status) {
+    boost::asio::post(io, [entry = std::move(entry), status] {
+        MonitorQueue::invoke(*entry, [status](OpcUaClient::MonitoredNode& node) {
+            try {
+                node.onStatus(status);
+            } catch (const std::exception& e) {
+                std::cerr << "Exception occurred in monitored item status callback: " << e.what() << "\n";
+            } catch (...) {
+                std::cerr << "Exception occurred in monitored item status callback\n";
+            }
+        });
+    });
+}
+} // namespace
+
 void ClientCore::onItemsCreated(UA_Client* client, void* userdata, UA_UInt32, void* response) {
     ClientCore* core = of(client);
     const auto batchId = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(userdata));
@@ -1068,9 +1091,13 @@ void ClientCore::onItemsCreated(UA_Client* client, void* userdata, UA_UInt32, vo
             continue;
         }
         const UA_MonitoredItemCreateResult& result = r->results[i];
+        if (record.entry->callback.onStatus) postStatus(core->io_, record.entry, result.statusCode);
         if (result.statusCode != UA_STATUSCODE_GOOD) {
-            LOG4CPLUS_ERROR(logger(), "cannot monitor " << nodeIdToString(*record.entry->callback.nodeId) << " on "
-                                                        << core->endpoint_ << ": " << statusName(result.statusCode));
+            // Reported once: by the registration's owner when it listens, else here.
+            const std::string what = "cannot monitor " + nodeIdToString(*record.entry->callback.nodeId) + " on " +
+                                     core->endpoint_ + ": " + statusName(result.statusCode);
+            if (record.entry->callback.onStatus) LOG4CPLUS_DEBUG(logger(), what);
+            else LOG4CPLUS_ERROR(logger(), what);
             record.state = ItemState::Failed;
             continue;
         }
@@ -1128,8 +1155,9 @@ NotificationQueue<OpcUaClient::ConnectionCallback>::Handle OpcUaClient::addConne
 }
 
 NotificationQueue<OpcUaClient::MonitoredNode>::Handle
-OpcUaClient::monitor(const UA_NodeId& nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> callback) {
-    return core_->monitor(nodeId, samplingIntervalMs, std::move(callback));
+OpcUaClient::monitor(const UA_NodeId& nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> callback,
+                     std::function<void(UA_StatusCode)> onStatus) {
+    return core_->monitor(nodeId, samplingIntervalMs, std::move(callback), std::move(onStatus));
 }
 
 std::vector<OpcUaClient::ReadValueId> OpcUaClient::makeReadValueIds(const std::vector<NodeId>& nodeIds) {
