@@ -33,7 +33,7 @@ class ClientCore;
 /// - the I/O-context thread runs ioContext(): pollers' timers and posted work, monitored-item
 ///   notifications and connection callbacks.
 ///
-/// It connects when created and reconnects by itself (backoff from 50 ms doubling to 1 s; an
+/// It connects when created and reconnects by itself (backoff from 50 ms doubling to 250 ms; an
 /// attempt that has not activated a session within 3 s is abandoned). A peer that goes
 /// silent is noticed within 3 s by a read every 250 ms: a server that answers nothing for
 /// 1.4 s is taken as gone, and the client reconnects.
