@@ -100,7 +100,7 @@ public:
     }
 
     /// A refusal after construction (a new session, a server that lost the node) is one
-    /// ERROR and, for a queue, one not-alive sample: no value will come from that node.
+    /// ERROR and, for a queue, a lost source (not alive, if it was alive): no value will come.
     void onItemStatus(std::size_t item, const std::string& node, UA_StatusCode status) {
         {
             std::lock_guard<std::mutex> lock(verdicts.mutex);
