@@ -45,6 +45,7 @@ constexpr auto firstBackoff = 50ms;
 constexpr auto maxBackoff = 250ms;
 // An attempt stuck in the handshake (a peer that accepts and never answers) is abandoned.
 constexpr auto connectTimeout = 3000ms;
+constexpr auto connectStep = 5ms;
 // open62541's own service timeout: the connectivity read and the handshake steps use it. With
 // a read every 250 ms, a silent peer is noticed after 1.4 to 2.7 s (open62541 looks for timed-out
 // requests once a second), inside the 3 s that users are promised.
@@ -534,7 +535,9 @@ UA_UInt32 ClientCore::planWait(Clock::time_point now) {
         if (p->outcome == Pending::Outcome::None) next = std::min(next, p->replyDeadline);
     if (sessionState_ != UA_SESSIONSTATE_ACTIVATED) {
         if (channelState_ == UA_SECURECHANNELSTATE_CLOSED) next = std::min(next, nextAttempt_);
-        else if (attemptStart_) next = std::min(next, *attemptStart_ + connectTimeout);
+        // open62541 takes the handshake's next step at the start of an iteration, not when the
+        // answer arrives: while an attempt runs the loop turns often, or each step would wait.
+        else if (attemptStart_) next = std::min({next, *attemptStart_ + connectTimeout, now + connectStep});
         else next = now;
     } else {
         if (!queued_.empty() || !sessionActive_) next = now;
