@@ -14,11 +14,13 @@
 
 namespace {
 std::atomic<long> allocations{0};
+std::atomic<bool> exhausted{false}; // every allocation fails while set
 }
 
 void* operator new(std::size_t n) {
     ++allocations;
-    if (void* p = std::malloc(n ? n : 1)) return p;
+    if (!exhausted.load())
+        if (void* p = std::malloc(n ? n : 1)) return p;
     throw std::bad_alloc();
 }
 void* operator new[](std::size_t n) { return operator new(n); }
@@ -89,14 +91,26 @@ TEST(ScalarAllocation, scalars_and_strings_convert_without_allocating) {
     generated::opcua::m2Types::M2StringValue0 text;
     text.setValue0(std::string(100, 'x'));
     generated::opcua::m2Types::M2StringVector15 texts;
-    texts.setValue0(std::vector<std::string>(15, std::string(40, 'y')));
-    texts.getOpcUaDataValues(); // sizes the scratch descriptors once
+    texts.setValue0(std::vector<std::string>(15, std::string(40, 'y'))); // the nominal count
 
     AllocationCount count;
     number.getOpcUaDataValues();
     text.getOpcUaDataValues();
     texts.getOpcUaDataValues();
     EXPECT_EQ(count(), 0);
+
+    // More strings than that need descriptors from the heap; without memory that is
+    // std::bad_alloc for the caller, not the end of the program.
+    texts.setValue0(std::vector<std::string>(20, std::string(40, 'y')));
+    bool refused = false;
+    exhausted = true;
+    try {
+        texts.getOpcUaDataValues();
+    } catch (const std::bad_alloc&) {
+        refused = true;
+    }
+    exhausted = false;
+    EXPECT_TRUE(refused);
 }
 
 } // namespace

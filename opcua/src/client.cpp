@@ -41,9 +41,12 @@ using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 constexpr auto firstBackoff = 50ms;
-constexpr auto maxBackoff = 1000ms;
+// A server back from a restart is found within a quarter of a second; an attempt on loopback
+// or a LAN costs one refused connection.
+constexpr auto maxBackoff = 250ms;
 // An attempt stuck in the handshake (a peer that accepts and never answers) is abandoned.
 constexpr auto connectTimeout = 3000ms;
+constexpr auto connectStep = 5ms;
 // open62541's own service timeout: the connectivity read and the handshake steps use it. With
 // a read every 250 ms, a silent peer is noticed after 1.4 to 2.7 s (open62541 looks for timed-out
 // requests once a second), inside the 3 s that users are promised.
@@ -58,6 +61,7 @@ constexpr auto longestWait = 1000ms;
 constexpr auto fallbackWait = 10ms;
 constexpr UA_UInt32 itemQueueSize = 100;
 constexpr auto subscriptionRetry = 1000ms;
+constexpr double longestPublishingInterval = 100; // ms
 constexpr auto shutdownGrace = 200ms;
 // After a waiting caller drove the loop, the network thread stays aside this long: a caller
 // that waits again soon (a loop of synchronous publishes) drives at once, without first waking
@@ -121,7 +125,8 @@ public:
     void asyncConnect();
     bool isConnected();
     ConnectionQueue::Handle addConnectionCallback(OpcUaClient::ConnectionCallback cb);
-    MonitorQueue::Handle monitor(const UA_NodeId& nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> cb);
+    MonitorQueue::Handle monitor(const UA_NodeId& nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> cb,
+                                 std::function<void(UA_StatusCode)> onStatus);
 
     void submit(const std::shared_ptr<Pending>& p, void* request, Clock::time_point submitDeadline,
                 Clock::time_point replyDeadline, long replyTimeMs);
@@ -668,7 +673,9 @@ UA_UInt32 ClientCore::planWait(Clock::time_point now, Clock::time_point limit) {
         if (p->outcome == Pending::Outcome::None) next = std::min(next, p->replyDeadline);
     if (sessionState_ != UA_SESSIONSTATE_ACTIVATED) {
         if (channelState_ == UA_SECURECHANNELSTATE_CLOSED) next = std::min(next, nextAttempt_);
-        else if (attemptStart_) next = std::min(next, *attemptStart_ + connectTimeout);
+        // open62541 takes the handshake's next step at the start of an iteration, not when the
+        // answer arrives: while an attempt runs the loop turns often, or each step would wait.
+        else if (attemptStart_) next = std::min({next, *attemptStart_ + connectTimeout, now + connectStep});
         else next = now;
     } else {
         if (!queued_.empty() || !sessionActive_) next = now;
@@ -914,11 +921,13 @@ void ClientCore::dispatchConnection(const ConnectionEvent& event) {
 // Monitored items
 
 MonitorQueue::Handle ClientCore::monitor(const UA_NodeId& nodeId, double samplingIntervalMs,
-                                         std::function<void(UA_DataValue*)> cb) {
+                                         std::function<void(UA_DataValue*)> cb,
+                                         std::function<void(UA_StatusCode)> onStatus) {
     OpcUaClient::MonitoredNode node;
     node.nodeId = OpcUaClient::NodeId(nodeId);
     node.samplingIntervalMs = std::max(0.0, samplingIntervalMs);
     node.callback = std::move(cb);
+    node.onStatus = std::move(onStatus);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         node.clientKey = nextKey_++;
@@ -1004,7 +1013,9 @@ void ClientCore::maintainMonitoring(Clock::time_point now) {
             return;
         }
 
-        const double smallest = smallestInterval_;
+        // The first value of an item made now comes with the next publish: a slow sampling
+        // interval must not hold it back (nor any later change) by as long as itself.
+        const double smallest = smallestInterval_ < 0 ? -1 : std::min(smallestInterval_, longestPublishingInterval);
 
         if (sub_.state == SubscriptionState::None && smallest >= 0 && now >= sub_.retryAt) {
             UA_CreateSubscriptionRequest request = UA_CreateSubscriptionRequest_default();
@@ -1182,6 +1193,23 @@ void ClientCore::onSubscriptionModified(UA_Client* client, void*, UA_UInt32, voi
     core->sub_.modifying = false;
 }
 
+namespace {
+// On the I/O-context thread, in order with the item's notifications, which come after it.
+void postStatus(boost::asio::io_context& io, std::shared_ptr<MonitorQueue::Entry> entry, UA_StatusCode status) {
+    boost::asio::post(io, [entry = std::move(entry), status] {
+        MonitorQueue::invoke(*entry, [status](OpcUaClient::MonitoredNode& node) {
+            try {
+                node.onStatus(status);
+            } catch (const std::exception& e) {
+                std::cerr << "Exception occurred in monitored item status callback: " << e.what() << "\n";
+            } catch (...) {
+                std::cerr << "Exception occurred in monitored item status callback\n";
+            }
+        });
+    });
+}
+} // namespace
+
 void ClientCore::onItemsCreated(UA_Client* client, void* userdata, UA_UInt32, void* response) {
     ClientCore* core = of(client);
     const auto batchId = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(userdata));
@@ -1206,9 +1234,13 @@ void ClientCore::onItemsCreated(UA_Client* client, void* userdata, UA_UInt32, vo
             continue;
         }
         const UA_MonitoredItemCreateResult& result = r->results[i];
+        if (record.entry->callback.onStatus) postStatus(core->io_, record.entry, result.statusCode);
         if (result.statusCode != UA_STATUSCODE_GOOD) {
-            LOG4CPLUS_ERROR(logger(), "cannot monitor " << nodeIdToString(*record.entry->callback.nodeId) << " on "
-                                                        << core->endpoint_ << ": " << statusName(result.statusCode));
+            // Reported once: by the registration's owner when it listens, else here.
+            const std::string what = "cannot monitor " + nodeIdToString(*record.entry->callback.nodeId) + " on " +
+                                     core->endpoint_ + ": " + statusName(result.statusCode);
+            if (record.entry->callback.onStatus) LOG4CPLUS_DEBUG(logger(), what);
+            else LOG4CPLUS_ERROR(logger(), what);
             record.state = ItemState::Failed;
             continue;
         }
@@ -1266,8 +1298,9 @@ NotificationQueue<OpcUaClient::ConnectionCallback>::Handle OpcUaClient::addConne
 }
 
 NotificationQueue<OpcUaClient::MonitoredNode>::Handle
-OpcUaClient::monitor(const UA_NodeId& nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> callback) {
-    return core_->monitor(nodeId, samplingIntervalMs, std::move(callback));
+OpcUaClient::monitor(const UA_NodeId& nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> callback,
+                     std::function<void(UA_StatusCode)> onStatus) {
+    return core_->monitor(nodeId, samplingIntervalMs, std::move(callback), std::move(onStatus));
 }
 
 std::vector<OpcUaClient::ReadValueId> OpcUaClient::makeReadValueIds(const std::vector<NodeId>& nodeIds) {

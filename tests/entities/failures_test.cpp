@@ -155,6 +155,51 @@ TEST_F(MonitorFailures, a_value_without_source_time_is_timed_as_a_poll_would_tim
     UA_DataValue_clear(&value);
 }
 
+TEST_F(MonitorFailures, a_refused_node_fails_construction_and_a_later_refusal_is_one_error) {
+    const std::string uri = psUri("NoSuchNode");
+    const std::string refusal = "cannot monitor node ns=1;s=NoSuchNode: BadNodeIdUnknown";
+    LogRecorder log(subscriberLog);
+    LogRecorder internal("orsa.duvo.opcua.internal");
+    const auto client = duvo->getClient(simulator->endpoint(), duvo->properties());
+    const auto connected = [&](bool up) {
+        for (const auto end = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < end;) {
+            if (client->isConnected() == up) return true;
+            std::this_thread::sleep_for(5ms);
+        }
+        return false;
+    };
+    // With a session up, the server's verdict comes before the constructor returns.
+    ASSERT_TRUE(connected(true));
+    for (const bool queued : {true, false}) {
+        try {
+            if (queued) make<OpcUaSubscriber<T, ST>>(uri, {}, duvo);
+            else make<OpcUaMrvSubscriber<T, ST>>(uri, {}, duvo);
+            ADD_FAILURE() << "a refused node was accepted";
+        } catch (const std::runtime_error& e) {
+            EXPECT_EQ(std::string(e.what()), refusal);
+        }
+    }
+    EXPECT_TRUE(log.containing(refusal).empty()); // the exception says it
+
+    // Made without a session, the refusal comes with the next one, as after a server restart:
+    // one ERROR each. The queue hears it as a lost source, which it reports as not alive only
+    // after the source was alive; this one never was, so nothing reaches the application.
+    simulator->stop();
+    ASSERT_TRUE(connected(false));
+    auto queued = make<OpcUaSubscriber<T, ST>>(uri, {}, duvo);
+    auto mostRecent = make<OpcUaMrvSubscriber<T, ST>>(uri, {}, duvo);
+    simulator->start();
+    ASSERT_TRUE(log.waitFor(refusal, 2, 10000ms));
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(log.containing(refusal).size(), 2u);
+    for (const auto& line : log.containing(refusal)) EXPECT_EQ(line.level, log4cplus::ERROR_LOG_LEVEL);
+    for (const auto& line : internal.containing("NoSuchNode")) EXPECT_NE(line.level, log4cplus::ERROR_LOG_LEVEL);
+    Events events;
+    queued->readDataEvents(DataEventFilter<T>(), events, 100, 0ms);
+    EXPECT_TRUE(events.empty());
+    EXPECT_TRUE(mostRecent->readMostRecent(0ms).empty());
+}
+
 class PollerFailures : public duvo::test::SimulatorSuite {};
 
 TEST_F(PollerFailures, an_unknown_node_is_logged_and_reported_as_gone) {

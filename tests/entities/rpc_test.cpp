@@ -12,6 +12,7 @@
 #include <generated/opcua/m2Types/rpc.hpp>
 #include <vesk/duvo/sim/faultProxy.hpp>
 
+#include "entities/logRecorder.hpp"
 #include "support/simulatorFixture.hpp"
 
 namespace {
@@ -230,7 +231,16 @@ TEST_F(RpcTest, connection_listener_sees_the_connection_come_and_go) {
         EXPECT_EQ(seen.size(), 2u);
     }
     stub.close();
-    EXPECT_THROW(stub.RPC_SetPower(true), vesk::duvo::IllegalStateException);
+    // A call after close() fails through its future, like any other failed call; each refusal
+    // is logged once.
+    duvo::test::LogRecorder log("orsa.duvo.opcua.internal");
+    boost::future<bool> refused = stub.RPC_SetPower(true);
+    EXPECT_THROW(refused.get(), vesk::duvo::IllegalStateException);
+    EXPECT_THROW(stub.asyncConnect(), vesk::duvo::IllegalStateException);
+    const auto lines =
+        log.containing("Client entity closed. Uri:" + rrUri("PsRpcSetpower", "RPC_SetPower", proxy.endpoint()));
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].level, log4cplus::ERROR_LOG_LEVEL);
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 #include <duvo/opcua/detail/ps/subscriber.hpp>
 #include <generated/opcua/m2Types/m2Types.hpp>
 
+#include "entities/logRecorder.hpp"
 #include "support/sampleValues.hpp"
 #include "support/makeEntity.hpp"
 #include "support/simulatorFixture.hpp"
@@ -147,7 +148,9 @@ TEST_F(SubscriberTest, close_twice_fails_and_reads_after_close_fail) {
     }
     auto mrv = make<OpcUaMrvSubscriber<T, ST>>(uri(), {}, duvo);
     mrv->close();
+    duvo::test::LogRecorder log("orsa.duvo.opcua.subscriber");
     EXPECT_THROW(mrv->readMostRecent(0ms), vesk::duvo::IllegalStateException);
+    EXPECT_EQ(log.containing("ZpbMrvSubscriber already closed").size(), 1u); // logged once, as thrown
 }
 
 TEST_F(SubscriberTest, server_restart_gives_one_not_alive_sample_then_data_again) {

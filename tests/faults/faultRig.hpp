@@ -218,6 +218,13 @@ inline bool isClientFailure(const std::string& text) {
     return false;
 }
 
+/// What a publish that waits may say: its own timeout (also when the client gave the write up
+/// unsent), or why the client lost it after sending it.
+inline bool isPublishFailure(const std::string& text) {
+    return text == "timeout when publishing" || text.rfind("connection lost: ", 0) == 0 ||
+           text.rfind("client shut down: ", 0) == 0;
+}
+
 /// Runs `step` over and over on a thread of its own until destroyed.
 class Loop {
 public:

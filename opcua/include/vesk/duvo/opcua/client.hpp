@@ -33,7 +33,7 @@ class ClientCore;
 /// - the I/O-context thread runs ioContext(): pollers' timers and posted work, monitored-item
 ///   notifications and connection callbacks.
 ///
-/// It connects when created and reconnects by itself (backoff from 50 ms doubling to 1 s; an
+/// It connects when created and reconnects by itself (backoff from 50 ms doubling to 250 ms; an
 /// attempt that has not activated a session within 3 s is abandoned). A peer that goes
 /// silent is noticed within 3 s by a read every 250 ms: a server that answers nothing for
 /// 1.4 s is taken as gone, and the client reconnects.
@@ -70,6 +70,8 @@ public:
         NodeId nodeId;
         double samplingIntervalMs = 0;
         std::function<void(UA_DataValue*)> callback;
+        /// The server's verdict each time the item is made there (Good, or why it refused).
+        std::function<void(UA_StatusCode)> onStatus;
         /// Maintained by the client under its lock: its key for the item, and the server's ids
         /// while the item exists there.
         std::uint64_t clientKey = 0;
@@ -99,11 +101,15 @@ public:
 
     /// Monitors the node's Value: callback gets every data change (on the I/O-context thread;
     /// the value may be taken). Sampling interval 0 asks for every change; the server revises
-    /// it. The subscription's publishing interval follows the smallest registered interval.
-    /// Items are re-created once when a new session replaces a lost one. Destroying the handle
-    /// deletes the item on the server.
+    /// it. The subscription's publishing interval follows the smallest registered interval, at
+    /// most 100 ms, and each item's first value comes with the first publish after it is made.
+    /// Items are re-created once when a new session replaces a lost one; a refused item is
+    /// tried again only then. onStatus (optional, same thread) gets the server's verdict each
+    /// time the item is made: whoever passes it reports a refusal, the client only traces it.
+    /// Destroying the handle deletes the item on the server.
     NotificationQueue<MonitoredNode>::Handle monitor(const UA_NodeId& nodeId, double samplingIntervalMs,
-                                                     std::function<void(UA_DataValue*)> callback);
+                                                     std::function<void(UA_DataValue*)> callback,
+                                                     std::function<void(UA_StatusCode)> onStatus = {});
 
     /// One read of the Value attribute per node id, for readValuesAsync.
     std::vector<ReadValueId> makeReadValueIds(const std::vector<NodeId>& nodeIds);

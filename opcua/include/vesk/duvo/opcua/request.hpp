@@ -22,6 +22,8 @@ namespace vesk::duvo::opcua::detail {
 struct RequestFailure {
     bool timedOut = false;
     std::string message;
+    /// Ended before it was sent: no session before its submit deadline ("not connected").
+    bool neverSent = false;
 
     /// vesk::duvo::TimeoutException when timed out, vesk::duvo::DuvoException otherwise.
     boost::exception_ptr exception() const {
@@ -64,12 +66,13 @@ struct PendingRequest {
     RequestFailure failure(const std::string& endpoint) const {
         const std::string statusName = UA_StatusCode_name(status);
         switch (outcome) {
-        case Outcome::Timeout: return {true, "timeout: no reply from " + endpoint + " before the deadline"};
-        case Outcome::NotConnected: return {false, "not connected: no session with " + endpoint + " before the deadline"};
+        case Outcome::Timeout: return {true, "timeout: no reply from " + endpoint + " before the deadline", false};
+        case Outcome::NotConnected:
+            return {false, "not connected: no session with " + endpoint + " before the deadline", true};
         case Outcome::ConnectionLost:
-            return {false, "connection lost: " + statusName + " before the reply from " + endpoint};
-        case Outcome::ShutDown: return {false, "client shut down: " + endpoint};
-        default: return {false, "request failed: " + statusName + " for " + endpoint};
+            return {false, "connection lost: " + statusName + " before the reply from " + endpoint, false};
+        case Outcome::ShutDown: return {false, "client shut down: " + endpoint, false};
+        default: return {false, "request failed: " + statusName + " for " + endpoint, false};
         }
     }
 

@@ -1,4 +1,5 @@
 #pragma once
+#include <array>
 #include <cstddef>
 #include <stdexcept>
 #include <string>
@@ -15,8 +16,9 @@
 namespace vesk::duvo::opcua::detail::binding {
 
 /// How one field of a shape is held and converted. Every conversion to a variant borrows
-/// the field's memory (the variant never owns it); every conversion from a variant checks
-/// the type first, so a refused value changes nothing.
+/// the field's memory (the variant never owns it) and writes descriptors only into the
+/// caller's Scratch, so threads converting one sample share nothing; every conversion from a
+/// variant checks the type first, so a refused value changes nothing.
 template <class Field>
 class FieldBinding;
 
@@ -24,10 +26,12 @@ class FieldBinding;
 template <class E>
 class FieldBinding<::m2Types::Scalar<E>> {
 public:
+    struct Scratch {};
+
     E get() const noexcept { return value0; }
     void set(E v) noexcept { value0 = v; }
 
-    void toVariant(UA_Variant& variant) const noexcept {
+    void toVariant(UA_Variant& variant, Scratch&) const noexcept {
         variant.type = UaTypeOf<E>::type();
         variant.storageType = UA_VARIANT_DATA_NODELETE;
         variant.data = const_cast<E*>(&value0);
@@ -57,10 +61,12 @@ inline void assignFromUa(std::string& to, const UA_String& s) {
 template <>
 class FieldBinding<::m2Types::Scalar<std::string>> {
 public:
+    using Scratch = UA_String;
+
     const std::string& get() const noexcept { return value0; }
     void set(const std::string& v) { value0 = v; }
 
-    void toVariant(UA_Variant& variant) const noexcept {
+    void toVariant(UA_Variant& variant, Scratch& descriptor) const noexcept {
         descriptor = borrowString(value0);
         variant.type = &UA_TYPES[UA_TYPES_STRING];
         variant.storageType = UA_VARIANT_DATA_NODELETE;
@@ -74,7 +80,6 @@ public:
 
 private:
     std::string value0;
-    mutable UA_String descriptor{};
 };
 
 /// A numeric vector in a shared, copy-on-write buffer.
@@ -82,13 +87,14 @@ template <class E>
 class FieldBinding<::m2Types::Vector<E>> {
 public:
     using frozen_type = vesk::duvo::shared_vector<const E>;
+    struct Scratch {};
 
     frozen_type get() const noexcept { return value0.get(); }
     void set(const frozen_type& v) noexcept { value0.set(v); }
     void swap(frozen_type& v) noexcept { value0.swap(v); }
     const FlexibleSharedArray<E>& array() const noexcept { return value0; }
 
-    void toVariant(UA_Variant& variant) const noexcept { value0.toVariant(variant); }
+    void toVariant(UA_Variant& variant, Scratch&) const noexcept { value0.toVariant(variant); }
     void fromVariant(const char* context, const UA_Variant& variant) { value0.assignFromVariant(context, &variant); }
     void takeFromVariant(const char* context, UA_Variant& variant) { value0.takeFromVariant(context, &variant); }
 
@@ -100,16 +106,27 @@ private:
 template <>
 class FieldBinding<::m2Types::Vector<std::string>> {
 public:
+    /// Room for the nominal 15 descriptors without allocating; more go to the heap.
+    struct Scratch {
+        std::array<UA_String, 16> small;
+        std::vector<UA_String> large;
+        UA_String* room(std::size_t n) {
+            if (n <= small.size()) return small.data();
+            large.resize(n); // may throw std::bad_alloc, which reaches the caller
+            return large.data();
+        }
+    };
+
     const std::vector<std::string>& get() const noexcept { return value0; }
     void set(const std::vector<std::string>& v) { value0 = v; }
 
-    void toVariant(UA_Variant& variant) const {
-        scratch.resize(value0.size());
-        for (std::size_t i = 0; i < value0.size(); ++i) scratch[i] = borrowString(value0[i]);
+    void toVariant(UA_Variant& variant, Scratch& scratch) const {
+        UA_String* descriptors = scratch.room(value0.size());
+        for (std::size_t i = 0; i < value0.size(); ++i) descriptors[i] = borrowString(value0[i]);
         variant.type = &UA_TYPES[UA_TYPES_STRING];
         variant.storageType = UA_VARIANT_DATA_NODELETE;
-        variant.arrayLength = scratch.size();
-        variant.data = scratch.empty() ? UA_EMPTY_ARRAY_SENTINEL : scratch.data();
+        variant.arrayLength = value0.size();
+        variant.data = value0.empty() ? UA_EMPTY_ARRAY_SENTINEL : descriptors;
     }
 
     void fromVariant(const char* context, const UA_Variant& variant) {
@@ -124,7 +141,6 @@ public:
 
 private:
     std::vector<std::string> value0;
-    mutable std::vector<UA_String> scratch;
 };
 
 } // namespace vesk::duvo::opcua::detail::binding

@@ -18,6 +18,8 @@ public:
     using field_type = typename T::field_type;
     using value_type = typename T::value_type;
     using param_type = ::m2Types::detail::param_t<value_type>;
+    /// What a conversion to OPC UA writes besides the values (string descriptors).
+    using Scratch = typename FieldBinding<field_type>::Scratch;
 
     /// Number of OPC UA nodes (one per field) that carry a sample.
     static constexpr std::size_t fieldCount = 1;
@@ -47,15 +49,16 @@ public:
     }
 
     const UA_DataValue* getOpcUaDataValues() const override {
-        writeOpcUaDataValues(&dataValue);
+        writeOpcUaDataValues(&dataValue, scratch);
         return &dataValue;
     }
 
     /// The values, borrowing the sample's memory, written into the caller's storage: threads
-    /// that publish one sample at the same time share nothing.
-    void writeOpcUaDataValues(UA_DataValue* values) const noexcept {
+    /// that publish one sample at the same time share nothing. Memory exhaustion throws
+    /// std::bad_alloc.
+    void writeOpcUaDataValues(UA_DataValue* values, Scratch& callScratch) const {
         UA_DataValue_init(&values[0]);
-        field.toVariant(values[0].value);
+        field.toVariant(values[0].value, callScratch);
         values[0].hasValue = true;
     }
 
@@ -66,6 +69,7 @@ public:
 protected:
     FieldBinding<field_type> field;
     mutable UA_DataValue dataValue;
+    mutable Scratch scratch{}; // getOpcUaDataValues' descriptors
 };
 
 /// Numeric vectors also exchange their buffer with the application's.

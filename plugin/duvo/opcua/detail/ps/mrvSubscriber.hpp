@@ -4,6 +4,9 @@
 #include <string>
 #include <vector>
 
+#include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
+
 #include <duvo/opcua/detail/ps/subscriberEntity.hpp>
 #include <duvo/ps/queue/mapMrvSubscriber.hpp>
 #include <vesk/duvo/ps/subscriber.hpp>
@@ -20,6 +23,16 @@ public:
     OpcUaMrvSubscriber(const std::string& uri, const std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>& qos,
                        const vesk::duvo::Duvo::Properties& properties, const std::shared_ptr<OpcUaDuvo>& duvo)
         : Entity("MrvSubscriber", uri, qos, properties, duvo) {}
+
+    std::vector<std::shared_ptr<T>> readMostRecent(const std::chrono::milliseconds& timeout) override {
+        try {
+            return Entity::readMostRecent(timeout);
+        } catch (const vesk::duvo::IllegalStateException& e) {
+            // A state error is logged once, as the queued subscriber's are.
+            LOG4CPLUS_ERROR(log4cplus::Logger::getInstance("orsa.duvo.opcua.subscriber"), e.what());
+            throw;
+        }
+    }
 };
 
 /// The most-recent-value subscriber the middleware holds.

@@ -31,16 +31,22 @@ class OpcUaInstancePublisher;
 /// The sample's values in the caller's storage. A binding that can write them there shares
 /// no state between threads that publish one sample; others hand out their own copy.
 template <class ST, class = void>
-struct WritesValuesInto : std::false_type {};
+struct WritesValuesInto : std::false_type {
+    struct Scratch {};
+};
 template <class ST>
 struct WritesValuesInto<ST, std::void_t<decltype(std::declval<const ST&>().writeOpcUaDataValues(
-                                std::declval<UA_DataValue*>()))>> : std::true_type {};
+                                std::declval<UA_DataValue*>(), std::declval<typename ST::Scratch&>()))>>
+    : std::true_type {
+    using Scratch = typename ST::Scratch;
+};
 
 template <class ST>
-void writeValuesOf(const ST& binding, UA_DataValue* values) {
+void writeValuesOf(const ST& binding, UA_DataValue* values, typename WritesValuesInto<ST>::Scratch& scratch) {
     if constexpr (WritesValuesInto<ST>::value) {
-        binding.writeOpcUaDataValues(values);
+        binding.writeOpcUaDataValues(values, scratch);
     } else {
+        (void)scratch;
         const UA_DataValue* own = binding.getOpcUaDataValues();
         for (std::size_t i = 0; i < ST::fieldCount; ++i) values[i] = own[i]; // shallow: borrows
     }
@@ -124,7 +130,8 @@ public:
         // (a timeout, a success, or "not connected") while the value may still be written.
         if (timeout.count() < 0) throw vesk::duvo::TimeoutException("timeout when publishing");
         UA_DataValue values[ST::fieldCount];
-        writeValuesOf(binding, values);
+        typename WritesValuesInto<ST>::Scratch scratch; // this call's own string descriptors
+        writeValuesOf(binding, values, scratch);
         const auto deadline = std::chrono::steady_clock::now() + timeout;
         const auto waitUntil = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(timeout.count());
 
@@ -152,15 +159,12 @@ public:
                                       });
             return;
         }
-        boost::future<WriteResponse> future = this->client->writeValuesAsync(writes, ST::fieldCount, deadline);
+        WriteDone done;
+        boost::future<WriteResponse> future = done.promise.get_future();
+        this->client->writeValues(writes, ST::fieldCount, deadline, std::move(done));
         if (awaitReply(*this->client, future, waitUntil) != boost::future_status::ready)
             throw vesk::duvo::TimeoutException("timeout when publishing");
-        try {
-            checkWriteResponse(future);
-        } catch (const vesk::duvo::TimeoutException&) {
-            // The client's deadline is the same instant as ours and may fire first.
-            throw vesk::duvo::TimeoutException("timeout when publishing");
-        }
+        checkWriteResponse(future);
     }
 
     void checkWriteResponse(boost::future<WriteResponse>& future) const { checkWriteResponse(*future.get()); }
@@ -183,6 +187,19 @@ public:
     }
 
 private:
+    /// The client ends a write at the same instant as our wait: without a reply by then
+    /// (timed out, or never sent for want of a session) the caller learns it as our timeout,
+    /// whichever of the two notices first.
+    struct WriteDone {
+        boost::promise<WriteResponse> promise{boost::allocator_arg, Recycling<char>()};
+        void operator()(WriteResponse response, const RequestFailure* failure) {
+            if (failure == nullptr) promise.set_value(std::move(response));
+            else if (failure->timedOut || failure->neverSent)
+                promise.set_exception(boost::copy_exception(vesk::duvo::TimeoutException("timeout when publishing")));
+            else promise.set_exception(failure->exception());
+        }
+    };
+
     void logFailure(const WriteResponse& response, const RequestFailure* failure) const {
         try {
             if (failure != nullptr) throw std::runtime_error(failure->message);

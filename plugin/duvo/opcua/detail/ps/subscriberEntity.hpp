@@ -1,5 +1,6 @@
 #pragma once
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -69,8 +70,10 @@ protected:
             // A type spread over several nodes is never assembled from single notifications:
             // each one triggers a consistent read of all nodes.
             if (this->nodeIds.size() > 1) poller.emplace(sink, this->client, this->nodeIds, 0);
+            // A node the server refuses fails the construction, within the submit timeout.
+            const int verdictMs = getDuvoProperty<int>(properties, "opc.asyncCallSubmitTimeoutMs", 1000);
             monitor.emplace(sink, this->client, this->nodeIds, static_cast<double>(periodMs),
-                            poller ? &*poller : nullptr);
+                            poller ? &*poller : nullptr, std::chrono::milliseconds(verdictMs));
         }
         LOG4CPLUS_TRACE(logger, kind << " for " << uri << " created");
     }

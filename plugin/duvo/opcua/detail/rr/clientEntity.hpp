@@ -11,6 +11,8 @@
 #include <vector>
 
 #include <boost/thread/future.hpp>
+#include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
 #include <open62541/types.h>
 
 #include <vesk/duvo/exceptions.hpp>
@@ -124,7 +126,9 @@ public:
                                      const std::function<R(const UA_Variant&)>& convert) {
         if (methodIndex >= methods.size())
             throw std::out_of_range("method index " + std::to_string(methodIndex) + " out of range. Uri:" + uri);
-        const std::shared_ptr<OpcUaClient> c = currentClient();
+        const std::shared_ptr<OpcUaClient> c = openClient();
+        // A call after close() fails through its future, as every other failure of a call does.
+        if (!c) return boost::make_exceptional_future<R>(boost::copy_exception(closedError()));
         UA_CallMethodRequest request;
         UA_CallMethodRequest_init(&request);
         request.objectId = *methods[methodIndex].objectId;
@@ -152,10 +156,22 @@ public:
 private:
     using ConnectionHandle = NotificationQueue<std::function<void(bool)>>::Handle;
 
-    std::shared_ptr<OpcUaClient> currentClient() const {
+    std::shared_ptr<OpcUaClient> openClient() const {
         std::lock_guard<std::mutex> lock(clientMutex);
-        if (!client) throw vesk::duvo::IllegalStateException("Client entity closed. Uri:" + uri);
         return client;
+    }
+
+    std::shared_ptr<OpcUaClient> currentClient() const {
+        std::shared_ptr<OpcUaClient> c = openClient();
+        if (!c) throw closedError();
+        return c;
+    }
+
+    /// The refusal of a use after close(), logged once as it is made.
+    vesk::duvo::IllegalStateException closedError() const {
+        const std::string message = "Client entity closed. Uri:" + uri;
+        LOG4CPLUS_ERROR(log4cplus::Logger::getInstance("orsa.duvo.opcua.internal"), message);
+        return vesk::duvo::IllegalStateException(message);
     }
 
     std::shared_ptr<OpcUaDuvo> duvo;
