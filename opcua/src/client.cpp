@@ -1317,18 +1317,9 @@ std::vector<OpcUaClient::ReadValueId> OpcUaClient::makeReadValueIds(const std::v
 
 boost::future<OpcUaClient::ReadResponse> OpcUaClient::readValuesAsync(const std::vector<ReadValueId>& ids, std::size_t count,
                                                                       Clock::time_point deadline) {
-    if (count > ids.size()) throw std::invalid_argument("readValuesAsync: count exceeds the read value ids");
-    // Shallow copies: the ids stay the caller's.
-    std::vector<UA_ReadValueId> nodes(count);
-    for (std::size_t i = 0; i < count; ++i) nodes[i] = *ids[i];
-    UA_ReadRequest request;
-    UA_ReadRequest_init(&request);
-    request.timestampsToReturn = UA_TIMESTAMPSTORETURN_BOTH;
-    request.nodesToRead = nodes.data();
-    request.nodesToReadSize = count;
     FulfilPromise<UA_ReadResponse> done;
     auto future = done.promise.get_future();
-    submit(makePending<UA_ReadResponse>(&UA_TYPES[UA_TYPES_READREQUEST], std::move(done)), &request, deadline, deadline, -1);
+    readValues(ids, count, deadline, std::move(done));
     return future;
 }
 

@@ -4,9 +4,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <cstdint>
 #include <deque>
 #include <list>
 #include <mutex>
+#include <set>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -94,6 +96,15 @@ struct Connection {
     std::deque<Chunk> toClient;
     std::size_t toServerBytes = 0;
     std::size_t toClientBytes = 0;
+    // Both streams are cut into whole messages, so that replies can be held one by one.
+    std::vector<char> partFromClient;
+    std::vector<char> partFromServer;
+    std::set<std::uint32_t> slowRequests; // ids of requests whose replies are held
+    std::deque<Chunk> held;               // replies held back, due in order
+    // Once a reply was held, later ones overtake it: the sequence numbers are given anew in
+    // the order the client gets the messages, as it checks them.
+    bool renumber = false;
+    std::uint32_t lastSequence = 0;
 
     ~Connection() {
         closeFd(client);
@@ -126,6 +137,41 @@ ReadResult readSome(int fd, std::vector<char>& out) {
     }
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return ReadResult::WouldBlock;
     return ReadResult::Closed;
+}
+
+std::uint32_t readUint32(const std::vector<char>& bytes, std::size_t at) {
+    std::uint32_t value = 0;
+    for (std::size_t i = 0; i < 4; ++i) value |= static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[at + i])) << (8 * i);
+    return value;
+}
+
+void writeUint32(std::vector<char>& bytes, std::size_t at, std::uint32_t value) {
+    for (std::size_t i = 0; i < 4; ++i) bytes[at + i] = static_cast<char>((value >> (8 * i)) & 0xff);
+}
+
+/// The whole messages at the start of part (8-byte header: type, chunk type, size), taken out.
+std::vector<std::vector<char>> wholeMessages(std::vector<char>& part) {
+    std::vector<std::vector<char>> messages;
+    std::size_t at = 0;
+    while (part.size() - at >= 8) {
+        const std::size_t size = readUint32(part, at + 4);
+        if (size < 8) { // not OPC UA: forwarded as it is
+            messages.emplace_back(part.begin() + static_cast<std::ptrdiff_t>(at), part.end());
+            at = part.size();
+            break;
+        }
+        if (part.size() - at < size) break;
+        messages.emplace_back(part.begin() + static_cast<std::ptrdiff_t>(at),
+                              part.begin() + static_cast<std::ptrdiff_t>(at + size));
+        at += size;
+    }
+    part.erase(part.begin(), part.begin() + static_cast<std::ptrdiff_t>(at));
+    return messages;
+}
+
+/// A service message or a close (they carry a sequence number and a request id).
+bool isSymmetric(const std::vector<char>& message) {
+    return message.size() >= 24 && (std::memcmp(message.data(), "MSG", 3) == 0 || std::memcmp(message.data(), "CLO", 3) == 0);
 }
 
 } // namespace
@@ -170,7 +216,11 @@ struct FaultProxy::Impl {
         closeFd(wakeWrite);
     }
 
-    void setMode(Mode m, std::chrono::milliseconds d = std::chrono::milliseconds(0)) {
+    void setMode(Mode m, std::chrono::milliseconds d = std::chrono::milliseconds(0), std::string marker = {}) {
+        {
+            std::lock_guard<std::mutex> lock(markerMutex);
+            slowMarker = std::move(marker);
+        }
         delayMs = d.count();
         mode = m;
         wake();
@@ -184,6 +234,7 @@ struct FaultProxy::Impl {
     void run();
     void accept(Mode current);
     void service(Connection& c, short clientEvents, short serverEvents, Mode current, Clock::time_point now);
+    void toClient(Connection& c, std::vector<char> message, Clock::time_point due);
 
     const Target target;
     std::uint16_t port = 0;
@@ -192,6 +243,8 @@ struct FaultProxy::Impl {
     int wakeWrite = -1;
     std::atomic<Mode> mode{Mode::PassThrough};
     std::atomic<long long> delayMs{0};
+    std::mutex markerMutex;
+    std::string slowMarker; // DelaySome: requests that contain these bytes
     std::atomic<bool> stopping{false};
     std::atomic<std::size_t> open{0};
     std::list<Connection> connections; // proxy thread only
@@ -223,10 +276,22 @@ void FaultProxy::Impl::service(Connection& c, short clientEvents, short serverEv
         switch (readSome(c.client, bytes)) {
         case ReadResult::Closed: c.dead = true; return;
         case ReadResult::WouldBlock: break;
-        case ReadResult::Data:
-            c.toServerBytes += bytes.size();
-            c.toServer.push_back({std::move(bytes), 0, now});
+        case ReadResult::Data: {
+            c.partFromClient.insert(c.partFromClient.end(), bytes.begin(), bytes.end());
+            std::string marker;
+            if (current == Mode::DelaySome) {
+                std::lock_guard<std::mutex> lock(markerMutex);
+                marker = slowMarker;
+            }
+            for (auto& message : wholeMessages(c.partFromClient)) {
+                if (!marker.empty() && isSymmetric(message) &&
+                    std::search(message.begin(), message.end(), marker.begin(), marker.end()) != message.end())
+                    c.slowRequests.insert(readUint32(message, 20));
+                c.toServerBytes += message.size();
+                c.toServer.push_back({std::move(message), 0, now});
+            }
             break;
+        }
         }
     }
     if (c.connecting && (serverEvents & (POLLOUT | POLLERR | POLLHUP))) {
@@ -242,20 +307,40 @@ void FaultProxy::Impl::service(Connection& c, short clientEvents, short serverEv
         case ReadResult::Closed: c.serverClosed = true; break;
         case ReadResult::WouldBlock: break;
         case ReadResult::Data:
-            if (current == Mode::Blackhole) {
-                c.tainted = true;
-            } else {
-                const auto delay = current == Mode::Delay ? std::chrono::milliseconds(delayMs.load())
-                                                          : std::chrono::milliseconds(0);
-                c.toClientBytes += bytes.size();
-                c.toClient.push_back({std::move(bytes), 0, now + delay});
+            c.partFromServer.insert(c.partFromServer.end(), bytes.begin(), bytes.end());
+            for (auto& message : wholeMessages(c.partFromServer)) {
+                if (current == Mode::Blackhole) {
+                    c.tainted = true;
+                    continue;
+                }
+                const std::chrono::milliseconds delay(delayMs.load());
+                if (current == Mode::DelaySome && isSymmetric(message) && c.slowRequests.count(readUint32(message, 20))) {
+                    if (message[3] != 'C') c.slowRequests.erase(readUint32(message, 20)); // its last chunk
+                    c.renumber = true;
+                    c.held.push_back({std::move(message), 0, now + delay});
+                    continue;
+                }
+                toClient(c, std::move(message), current == Mode::Delay ? now + delay : now);
             }
             break;
         }
     }
+    while (!c.held.empty() && (c.held.front().due <= now || current != Mode::DelaySome)) {
+        toClient(c, std::move(c.held.front().bytes), now);
+        c.held.pop_front();
+    }
     if (!c.connecting && !flush(c.server, c.toServer, c.toServerBytes, now)) c.dead = true;
     if (!flush(c.client, c.toClient, c.toClientBytes, now)) c.dead = true;
     if (c.serverClosed && c.toClient.empty()) c.dead = true;
+}
+
+void FaultProxy::Impl::toClient(Connection& c, std::vector<char> message, Clock::time_point due) {
+    if (isSymmetric(message)) {
+        if (c.renumber) writeUint32(message, 16, ++c.lastSequence);
+        else c.lastSequence = readUint32(message, 16);
+    }
+    c.toClientBytes += message.size();
+    c.toClient.push_back({std::move(message), 0, due});
 }
 
 void FaultProxy::Impl::run() {
@@ -275,8 +360,9 @@ void FaultProxy::Impl::run() {
                 if (c.toClientBytes < kMaxBuffered) serverEvents |= POLLIN;
                 if (!c.toServer.empty()) serverEvents |= POLLOUT;
             }
-            if (!c.toClient.empty()) {
-                const auto due = c.toClient.front().due;
+            for (const auto* queue : {&c.toClient, &c.held}) {
+                if (queue->empty()) continue;
+                const auto due = queue->front().due;
                 if (due <= now)
                     clientEvents |= POLLOUT;
                 else {
@@ -332,6 +418,10 @@ std::string FaultProxy::endpoint() const {
 void FaultProxy::passThrough() { impl_->setMode(Mode::PassThrough); }
 
 void FaultProxy::delayReplies(std::chrono::milliseconds delay) { impl_->setMode(Mode::Delay, delay); }
+
+void FaultProxy::delayRepliesTo(const std::string& requestBytes, std::chrono::milliseconds delay) {
+    impl_->setMode(Mode::DelaySome, delay, requestBytes);
+}
 
 void FaultProxy::blackhole() { impl_->setMode(Mode::Blackhole); }
 

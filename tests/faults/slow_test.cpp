@@ -1,6 +1,9 @@
 // A server that answers late or not at all: every wait ends at its own deadline, from many
 // threads at once, and a reply that comes after its deadline harms nothing.
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
+#include <thread>
 #include <future>
 #include <string>
 #include <vector>
@@ -80,6 +83,52 @@ TEST_F(SlowServer, deadlines_hold_for_every_request_from_many_threads) {
     EXPECT_TRUE(caller150.RPC_SetPower(true).get());
     monitored.pump();
     EXPECT_EQ(monitored.notAlive, 0) << "a late reply cost the connection";
+}
+
+TEST_F(SlowServer, late_reads_of_a_poll_hold_up_no_other_entity_on_the_endpoint) {
+    vesk::duvo::sim::FaultProxy proxy(simulator->endpoint());
+    const std::string endpoint = proxy.endpoint();
+    // Reads of this node are answered after the poll's deadline; every other reply at once.
+    const auto slowReads = [&] { proxy.delayRepliesTo("NoSuchNode", 4000ms); };
+    slowReads();
+    Device device(*simulator);
+    Watched monitored("monitored",
+                      make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0", endpoint), {{"opc.ps.pollingPeriodMs", "0"}}, duvo));
+    ASSERT_TRUE(monitored.waitForValue(1, Clock::now() + 10s));
+    // Polls at 0, 2.5, 5 s...: each read waits out its period.
+    const auto start = Clock::now();
+    auto polled = make<OpcUaSubscriber<T, ST>>(
+        psUri("NoSuchNode", endpoint), {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "2500"}}, duvo);
+
+    // Notifications keep coming while reads wait for their replies.
+    Figures gaps("late reads: longest gap between notifications");
+    double worst = 0;
+    auto last = Clock::now();
+    while (Clock::now() < start + 4500ms) {
+        const long before = monitored.samples;
+        monitored.pump(20ms);
+        if (monitored.samples == before) continue;
+        worst = std::max(worst, msSince(last));
+        last = Clock::now();
+    }
+    gaps.add(worst);
+    EXPECT_LT(worst, 1200) << "a read held up the notifications";
+
+    // Connection callbacks too: the loss, then the session's return while the poll made
+    // during the outage (at 5 s) waits for its read.
+    const int lost = monitored.notAlive;
+    proxy.closeAll();
+    ASSERT_TRUE(monitored.waitForNotAlive(lost + 1, Clock::now() + 2s));
+    std::this_thread::sleep_until(start + 5300ms);
+    const std::int32_t mark = device.mark();
+    const auto restored = Clock::now();
+    slowReads();
+    ASSERT_TRUE(monitored.waitForValue(mark, restored + 10s));
+    Figures back("late reads: data again after an outage");
+    back.add(msSince(restored));
+    EXPECT_LT(msSince(restored), 1200) << "a read held up the session's return";
+    polled.reset();
+    proxy.passThrough();
 }
 
 TEST_F(SlowServer, a_slow_method_answers_within_its_deadline_or_times_out) {

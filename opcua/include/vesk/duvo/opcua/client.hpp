@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -127,8 +128,23 @@ public:
     boost::future<CallResponse> callMethodsAsync(UA_CallMethodRequest* requests, std::size_t count,
                                                  Clock::time_point submitDeadline, long replyTimeMs);
 
-    /// As writeValuesAsync and callMethodsAsync, with the end going to done instead of a future
-    /// (see PendingWith): for callers that need neither a future nor a continuation.
+    /// As readValuesAsync, writeValuesAsync and callMethodsAsync, with the end going to done
+    /// instead of a future (see PendingWith): for callers that need neither a future nor a
+    /// continuation.
+    template <class Done>
+    void readValues(const std::vector<ReadValueId>& ids, std::size_t count, Clock::time_point deadline, Done done) {
+        if (count > ids.size()) throw std::invalid_argument("readValuesAsync: count exceeds the read value ids");
+        // Shallow copies: the ids stay the caller's.
+        std::vector<UA_ReadValueId> nodes(count);
+        for (std::size_t i = 0; i < count; ++i) nodes[i] = *ids[i];
+        UA_ReadRequest request;
+        UA_ReadRequest_init(&request);
+        request.timestampsToReturn = UA_TIMESTAMPSTORETURN_BOTH;
+        request.nodesToRead = nodes.data();
+        request.nodesToReadSize = count;
+        submit(makePending<UA_ReadResponse>(&UA_TYPES[UA_TYPES_READREQUEST], std::move(done)), &request, deadline,
+               deadline, -1);
+    }
     template <class Done>
     void writeValues(UA_WriteValue* values, std::size_t count, Clock::time_point deadline, Done done) {
         UA_WriteRequest request;

@@ -12,7 +12,6 @@
 
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/thread/future.hpp>
 #include <log4cplus/logger.h>
 #include <open62541/types.h>
 
@@ -41,6 +40,11 @@ void fillFromOwnedValues(ST& sample, UA_DataValue* values) {
 
 /// Reads all nodes of a subscription in one OPC UA read, periodically or when a monitor
 /// triggers it, and delivers the sample when its data time is newer than the last one.
+///
+/// A poll only sends its read: the reply is handled in a handler posted to the I/O context when
+/// it comes, so a slow server holds up no other handler there. One read at a time: a poll that
+/// finds the last read unanswered before its deadline asks for one more read after the reply
+/// (triggers during a read coalesce into it); past the deadline the read counts as timed out.
 template <class ST, class Sink>
 class BasicDataPoller {
 public:
@@ -66,13 +70,13 @@ public:
         }
     }
 
-    /// After this returns no handler of the poller runs any more; a poll in progress on the
-    /// I/O thread is waited for (at most its read deadline).
+    /// After this returns no handler of the poller runs any more; a handler in progress on the
+    /// I/O thread is waited for (it never waits for the server). A reply still to come is dropped.
     ~BasicDataPoller() {
         if (guard->runner.load() == std::this_thread::get_id()) {
             // Inside one of its own handlers (the application closed the subscriber from a
             // callback of what this poll delivered): that handler holds the guard already,
-            // and stops once the poll returns.
+            // and stops once the delivery returns.
             guard->alive = false;
             timer.cancel();
             return;
@@ -96,19 +100,94 @@ public:
         timer.async_wait(guarded([this](const boost::system::error_code& ec) { onTriggerPollTimer(ec); }));
     }
 
+    /// Sends the read, on the I/O thread; its reply is handled by onReply.
     void poll() {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(periodMs);
-        const auto waitUntil = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(periodMs);
-        try {
-            auto future = client->readValuesAsync(readValueIds, readValueIds.size(), deadline);
-            // The client keeps the same deadline: when it fails the read first, the read timed
-            // out all the same.
-            if (awaitReply(*client, future, waitUntil) != boost::future_status::ready ||
-                (future.has_exception() && std::chrono::steady_clock::now() >= deadline)) {
-                timedOut();
+        if (outstanding) {
+            if (std::chrono::steady_clock::now() < readDeadline) {
+                pollAgain = true;
                 return;
             }
-            const OpcUaClient::ReadResponse response = future.get();
+            // Noticed before the client's own deadline did: the late reply is dropped.
+            outstanding = false;
+            ++serial;
+            const std::shared_ptr<Guard> g = guard;
+            timedOut();
+            if (!g->alive) return;
+        }
+        pollAgain = false;
+        outstanding = true;
+        readDeadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(periodMs);
+        try {
+            client->readValues(readValueIds, readValueIds.size(), readDeadline,
+                               [io = &client->ioContext(), reply = guarded([this](Reply& r) { onReply(r); }),
+                                read = serial, deadline = readDeadline](OpcUaClient::ReadResponse response,
+                                                                        const RequestFailure* failure) mutable {
+                                   // On the thread that drives the client: handled on the I/O
+                                   // thread, never inline here.
+                                   Reply r{read, std::move(response), failure != nullptr,
+                                           failure != nullptr && (failure->timedOut ||
+                                                                  std::chrono::steady_clock::now() >= deadline)};
+                                   boost::asio::post(*io, [reply = std::move(reply), r = std::move(r)]() mutable {
+                                       reply(r);
+                                   });
+                               });
+        } catch (...) {
+            outstanding = false;
+            sink.pollThrew();
+        }
+    }
+
+    std::int64_t getPeriodMs() const noexcept { return periodMs; }
+    const std::string& getId() const noexcept { return id; }
+
+private:
+    struct Guard {
+        std::mutex mutex;
+        bool alive = true;
+        std::atomic<std::thread::id> runner{}; // the thread running a handler, under the mutex
+    };
+
+    /// How a read ended: the response, or a failure (timed out: at or after its deadline).
+    struct Reply {
+        std::uint64_t read = 0;
+        OpcUaClient::ReadResponse response;
+        bool failed = false;
+        bool timedOut = false;
+    };
+
+    /// Wraps a handler so that it runs only while the poller lives, never beside its destructor.
+    template <class F>
+    auto guarded(F f) {
+        return [g = guard, f = std::move(f)](auto&&... args) mutable {
+            std::lock_guard<std::mutex> lock(g->mutex);
+            if (!g->alive) return;
+            g->runner.store(std::this_thread::get_id());
+            f(std::forward<decltype(args)>(args)...);
+            g->runner.store(std::thread::id());
+        };
+    }
+
+    void timedOut() { sink.pollTimedOut(logger, "Msg:" + id + ": read timed out"); }
+
+    template <class F>
+    void post(F f) {
+        boost::asio::post(client->ioContext(), guarded(std::move(f)));
+    }
+
+    void onReply(Reply& r) {
+        if (!outstanding || r.read != serial) return; // given up as timed out already
+        outstanding = false;
+        ++serial;
+        const std::shared_ptr<Guard> g = guard; // what the reply delivers may destroy the poller
+        handle(r);
+        if (g->alive && pollAgain) poll();
+    }
+
+    void handle(Reply& r) {
+        if (r.timedOut) return timedOut();
+        if (r.failed) return sink.pollThrew(); // the connection went, or the client did
+        try {
+            const OpcUaClient::ReadResponse& response = r.response;
             const UA_StatusCode service = response->responseHeader.serviceResult;
             if (service != UA_STATUSCODE_GOOD) {
                 sink.pollFailed(logger, "Msg:" + id + ": read returned " + UA_StatusCode_name(service));
@@ -139,42 +218,12 @@ public:
         }
     }
 
-    std::int64_t getPeriodMs() const noexcept { return periodMs; }
-    const std::string& getId() const noexcept { return id; }
-
-private:
-    struct Guard {
-        std::mutex mutex;
-        bool alive = true;
-        std::atomic<std::thread::id> runner{}; // the thread running a handler, under the mutex
-    };
-
-    /// Wraps a handler so that it runs only while the poller lives, never beside its destructor.
-    template <class F>
-    auto guarded(F f) {
-        return [g = guard, f = std::move(f)](auto&&... args) mutable {
-            std::lock_guard<std::mutex> lock(g->mutex);
-            if (!g->alive) return;
-            g->runner.store(std::this_thread::get_id());
-            f(std::forward<decltype(args)>(args)...);
-            g->runner.store(std::thread::id());
-        };
-    }
-
-    void timedOut() { sink.pollTimedOut(logger, "Msg:" + id + ": read timed out"); }
-
-    template <class F>
-    void post(F f) {
-        boost::asio::post(client->ioContext(), guarded(std::move(f)));
-    }
-
     void onPeriodicPollTimer(const boost::system::error_code& ec) {
         if (ec == boost::asio::error::operation_aborted) return;
-        const std::shared_ptr<Guard> g = guard; // what the poll delivers may destroy the poller
-        poll();
-        if (!g->alive) return;
+        // The next period starts now, whatever this read takes.
         timer.expires_after(std::chrono::milliseconds(periodMs));
         timer.async_wait(guarded([this](const boost::system::error_code& e) { onPeriodicPollTimer(e); }));
+        poll();
     }
 
     void onTriggerPollTimer(const boost::system::error_code& ec) {
@@ -192,6 +241,11 @@ private:
     std::string id;
     boost::asio::steady_timer timer;
     std::shared_ptr<Guard> guard;
+    // I/O thread only: the read in flight, if any, and whether another should follow it.
+    bool outstanding = false;
+    bool pollAgain = false;
+    std::uint64_t serial = 0;
+    std::chrono::steady_clock::time_point readDeadline{};
 };
 
 template <class T, class ST>

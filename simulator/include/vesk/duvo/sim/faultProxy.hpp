@@ -16,6 +16,7 @@ public:
     enum class Mode {
         PassThrough, ///< forward both ways
         Delay,       ///< hold every server-to-client byte for the delay
+        DelaySome,   ///< hold the replies to some requests for the delay, pass the rest
         Blackhole,   ///< forward requests, drop every reply; the connections stay open
         CloseAll,    ///< close every connection and every new one at once
     };
@@ -38,6 +39,9 @@ public:
     void passThrough();
     /// Holds every server-to-client byte for the delay.
     void delayReplies(std::chrono::milliseconds delay);
+    /// Holds the replies to requests that contain these bytes (a node's name, say) for the
+    /// delay; the other replies overtake them, as a server that answers some services late.
+    void delayRepliesTo(const std::string& requestBytes, std::chrono::milliseconds delay);
     /// Leaving this mode closes the connections that lost replies: their byte streams are
     /// no longer whole.
     void blackhole();
