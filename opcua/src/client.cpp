@@ -20,6 +20,7 @@
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/thread/exceptions.hpp>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 #include <open62541/client.h>
@@ -405,6 +406,7 @@ void ClientCore::shutdownSequence() {
 
 namespace {
 thread_local const ClientCore* drivingCore = nullptr;
+thread_local bool onNetworkThread = false; // nobody can interrupt it
 } // namespace
 
 bool ClientCore::onDrivingThread() const { return drivingCore == this; }
@@ -484,6 +486,7 @@ void ClientCore::standAside() {
 }
 
 void ClientCore::networkLoop() {
+    onNetworkThread = true;
     for (;;) {
         standAside();
         Turn turn(*this, true);
@@ -655,8 +658,25 @@ void ClientCore::fulfilCompleted() {
         if (completed_.empty()) return;
         fulfilling_.swap(completed_); // both keep their capacity: no allocation per reply
     }
-    for (auto& p : fulfilling_) p->fulfil(endpoint_);
+    // A completion that throws must neither cost the others theirs nor end the driving
+    // thread: it is logged. An interruption is for the caller whose turn this is, after the rest.
+    bool interrupted = false;
+    for (auto& p : fulfilling_) {
+        try {
+            p->fulfil(endpoint_);
+        } catch (const boost::thread_interrupted&) {
+            interrupted = true;
+        } catch (const std::exception& e) {
+            LOG4CPLUS_ERROR(logger(), "exception in the completion of a request to " << endpoint_ << ": " << e.what());
+        } catch (...) {
+            LOG4CPLUS_ERROR(logger(), "unknown exception in the completion of a request to " << endpoint_);
+        }
+    }
     fulfilling_.clear();
+    if (interrupted) {
+        if (!onNetworkThread) throw boost::thread_interrupted();
+        LOG4CPLUS_ERROR(logger(), "a completion of a request to " << endpoint_ << " threw an interruption");
+    }
 }
 
 bool ClientCore::workPendingLocked() const {

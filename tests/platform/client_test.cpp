@@ -1,6 +1,8 @@
 // The shared client against a real server: services, monitored items, deadlines, ownership.
 #include <atomic>
 #include <boost/asio/post.hpp>
+#include <boost/thread/thread.hpp>
+#include <stdexcept>
 #include <iostream>
 #include <mutex>
 #include <vector>
@@ -162,6 +164,58 @@ TEST(Deadline, unreachable_or_silent_endpoints_fail_with_not_connected) {
         EXPECT_LE(elapsed, 1500ms) << endpoint;
         auto immediate = writeDouble(client, "Double", 1, 0ms);
         EXPECT_TRUE(startsWith(failureOf(immediate), "not connected"));
+    }
+}
+
+TEST_F(ClientTest, callers_that_drive_the_loop_and_give_up_throw_or_are_interrupted_leave_it_driven) {
+    // Nobody drives below while waiting: each future completes only if the loop still runs.
+    const auto completes = [](auto& future) { return future.wait_for(boost::chrono::seconds(3)) == boost::future_status::ready; };
+    // A caller that gives up before its reply.
+    auto slow = callSleep(*client, 300, 0);
+    EXPECT_EQ(op::awaitReply(*client, slow, boost::chrono::steady_clock::now() + boost::chrono::milliseconds(30)),
+              boost::future_status::timeout);
+    auto after = writeDouble(*client, "Double", 1);
+    ASSERT_TRUE(completes(after));
+    EXPECT_EQ(failureOf(slow), "");
+
+    // Completions that throw, or meet the interruption of the thread they run on, in the
+    // middle of a caller's turn: the others complete once, and the caller's wait ends.
+    boost::thread caller([&] {
+        for (int round = 0; round < 20; ++round) {
+            std::vector<boost::future<OpcUaClient::WriteResponse>> writes;
+            for (int i = 0; i < 6; ++i) {
+                if (i % 2 == 0) {
+                    writes.push_back(writeDouble(*client, "Double", i));
+                    continue;
+                }
+                double value = i;
+                UA_WriteValue write;
+                UA_WriteValue_init(&write);
+                write.nodeId = node("Double");
+                write.attributeId = UA_ATTRIBUTEID_VALUE;
+                write.value.hasValue = true;
+                UA_Variant_setScalar(&write.value.value, &value, &UA_TYPES[UA_TYPES_DOUBLE]);
+                client->writeValues(&write, 1, Clock::now() + 2s, [i](OpcUaClient::WriteResponse, const op::RequestFailure*) {
+                    if (i == 1) throw std::runtime_error("a completion failed");
+                    boost::this_thread::interruption_point();
+                });
+            }
+            if (round == 10) boost::this_thread::interruption_point(); // not yet asked: a no-op
+            try {
+                op::awaitReply(*client, writes.back(), boost::chrono::steady_clock::now() + boost::chrono::seconds(2));
+            } catch (const boost::thread_interrupted&) {
+                return; // the interruption reached this thread through a completion
+            }
+            for (auto& w : writes) EXPECT_TRUE(w.wait_for(boost::chrono::seconds(3)) == boost::future_status::ready);
+        }
+    });
+    std::this_thread::sleep_for(20ms);
+    caller.interrupt();
+    ASSERT_TRUE(caller.try_join_for(boost::chrono::seconds(20)));
+    for (int i = 0; i < 5; ++i) {
+        auto write = writeDouble(*client, "Double", 100 + i);
+        ASSERT_TRUE(completes(write));
+        EXPECT_EQ(failureOf(write), "");
     }
 }
 
