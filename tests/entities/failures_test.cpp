@@ -280,7 +280,7 @@ TEST_F(PollerFailures, a_silent_server_times_the_read_out) {
     ASSERT_EQ(samples.size(), 1u);
     EXPECT_EQ(samples[0]->getValue0(), 61);
 
-    queued.reset(); // each waits for its poll in progress
+    queued.reset(); // with reads unanswered
     mostRecent.reset();
     proxy.passThrough();
 }
