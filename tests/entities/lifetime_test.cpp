@@ -360,7 +360,7 @@ TEST_F(Lifetime, connection_loss_during_polls) {
     vesk::duvo::sim::FaultProxy proxy(simulator->endpoint());
     ServerWriter writer(*simulator);
     const std::string uri = psUri("M2Int32Value0", proxy.endpoint());
-    const Properties polled{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "10"}};
+    const Properties polled{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "100"}};
     auto queued = make<OpcUaSubscriber<T, ST>>(uri, polled, duvo);
     auto mostRecent = make<OpcUaMrvSubscriber<T, ST>>(uri, polled, duvo);
     auto pair = make<OpcUaSubscriber<Pair, PairBinding>>(pairUri(proxy.endpoint()), {{"opc.ps.pollingPeriodMs", "0"}},

@@ -44,7 +44,8 @@ void fillFromOwnedValues(ST& sample, UA_DataValue* values) {
 /// A poll only sends its read: the reply is handled in a handler posted to the I/O context when
 /// it comes, so a slow server holds up no other handler there. One read at a time: a poll that
 /// finds the last read unanswered before its deadline asks for one more read after the reply
-/// (triggers during a read coalesce into it); past the deadline the read counts as timed out.
+/// (triggers during a read coalesce into it); past the deadline the read counts as timed out
+/// and the poll reads nothing.
 template <class ST, class Sink>
 class BasicDataPoller {
 public:
@@ -103,23 +104,24 @@ public:
     /// Sends the read, on the I/O thread; its reply is handled by onReply.
     void poll() {
         if (outstanding) {
-            if (std::chrono::steady_clock::now() < readDeadline) {
+            // A reply that came in time but waits behind other handlers here is no timeout.
+            if (std::chrono::steady_clock::now() < readDeadline || guard->answered.load() == serial) {
                 pollAgain = true;
                 return;
             }
-            // Noticed before the client's own deadline did: the late reply is dropped.
+            // Noticed before the client's own deadline did: the late reply is dropped. The next
+            // read waits for the next poll, so that a server too slow for the period is not sent
+            // reads faster than it gave them up.
             outstanding = false;
             ++serial;
-            const std::shared_ptr<Guard> g = guard;
-            timedOut();
-            if (!g->alive) return;
+            return timedOut();
         }
         pollAgain = false;
         outstanding = true;
         readDeadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(periodMs);
         try {
             client->readValues(readValueIds, readValueIds.size(), readDeadline,
-                               [io = &client->ioContext(), reply = guarded([this](Reply& r) { onReply(r); }),
+                               [io = &client->ioContext(), g = guard, reply = guarded([this](Reply& r) { onReply(r); }),
                                 read = serial, deadline = readDeadline](OpcUaClient::ReadResponse response,
                                                                         const RequestFailure* failure) mutable {
                                    // On the thread that drives the client: handled on the I/O
@@ -127,6 +129,7 @@ public:
                                    Reply r{read, std::move(response), failure != nullptr,
                                            failure != nullptr && (failure->timedOut ||
                                                                   std::chrono::steady_clock::now() >= deadline)};
+                                   if (!r.timedOut) g->answered.store(read);
                                    boost::asio::post(*io, [reply = std::move(reply), r = std::move(r)]() mutable {
                                        reply(r);
                                    });
@@ -145,6 +148,7 @@ private:
         std::mutex mutex;
         bool alive = true;
         std::atomic<std::thread::id> runner{}; // the thread running a handler, under the mutex
+        std::atomic<std::uint64_t> answered{~std::uint64_t(0)}; // the last read that ended in time
     };
 
     /// How a read ended: the response, or a failure (timed out: at or after its deadline).
