@@ -23,6 +23,7 @@ struct Options {
     std::string bindAddress = "127.0.0.1";
     /// Some variables change every animationPeriod, so subscriptions show live data.
     bool animate = false;
+    /// How often the animated variables change.
     std::chrono::milliseconds animationPeriod{200};
     /// open62541's own messages below this level are dropped; the rest go to stderr.
     UA_LogLevel logLevel = UA_LOGLEVEL_WARNING;
@@ -30,6 +31,7 @@ struct Options {
     /// another element type (Double, or Float instead of Double), these interfaces' methods
     /// without their last input argument.
     std::vector<std::string> otherDataType;
+    /// The interfaces whose methods lack their last input argument.
     std::vector<std::string> lastArgumentDropped;
 };
 
@@ -41,19 +43,25 @@ struct Reply {
     UA_StatusCode status = UA_STATUSCODE_GOOD;
     /// Answer with an Int32 output instead of the declared Boolean.
     bool wrongOutputType = false;
+    /// The Boolean output of a good reply.
     bool result = true;
 };
 
 /// The source time a variable's value carries.
 struct SourceTime {
+    /// Whether the value carries a source timestamp.
     bool present = false;
+    /// The source timestamp.
     UA_DateTime timestamp = 0;
+    /// The source picoseconds (0 when absent).
     UA_UInt16 picoseconds = 0;
 };
 
 /// What the calls of one interface brought since the last clear.
 struct CallRecord {
+    /// Number of calls.
     std::size_t count = 0;
+    /// The input arguments of the last call.
     std::vector<OwnedVariant> lastArguments;
 };
 
