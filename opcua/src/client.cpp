@@ -67,10 +67,6 @@ constexpr auto shutdownGrace = 200ms;
 // that waits again soon (a loop of synchronous publishes) drives at once, without first waking
 // the network thread out of its wait and waiting for it to let go.
 constexpr auto callerLinger = 2ms;
-// A waiting caller first looks at the network without sleeping for this long: on loopback a
-// reply comes within tens of microseconds, less than it takes to sleep and wake again. Bounded,
-// so that a loaded machine loses no more than this per wait.
-constexpr auto callerSpin = 50us;
 
 log4cplus::Logger& logger() {
     static log4cplus::Logger instance = log4cplus::Logger::getInstance("orsa.duvo.opcua.internal");
@@ -162,7 +158,7 @@ private:
 
     // Whoever drives the loop: the network thread, or a caller in awaitReady.
     void networkLoop();
-    void iterate(Clock::time_point limit, Clock::time_point spinUntil = {});
+    void iterate(Clock::time_point limit);
     void standAside();
     class Turn;
     void handleStateChanges();
@@ -441,21 +437,16 @@ private:
 // One round of the loop: act on what the callbacks recorded, send what waited, fail what
 // expired, then wait for the network until the next thing to do (at most until limit), and
 // hand out the replies that came.
-void ClientCore::iterate(Clock::time_point limit, Clock::time_point spinUntil) {
+void ClientCore::iterate(Clock::time_point limit) {
     handleStateChanges();
     maintainConnection(Clock::now());
     flushQueue();
     expire(Clock::now());
     maintainMonitoring(Clock::now());
     fulfilCompleted();
-    const UA_UInt32 waitMs = planWait(Clock::now(), limit);
-    bool arrived = false;
-    while (waitMs > 0 && !arrived && Clock::now() < spinUntil) {
-        UA_Client_run_iterate(client_, 0);
-        std::lock_guard<std::mutex> lock(mutex_);
-        arrived = workPendingLocked();
-    }
-    if (!arrived) UA_Client_run_iterate(client_, waitMs);
+    // No spinning before the wait: it wins a quiet benchmark and loses on a loaded machine,
+    // where the spinning thread takes the core from the server or the thread that would answer.
+    UA_Client_run_iterate(client_, planWait(Clock::now(), limit));
     {
         std::lock_guard<std::mutex> lock(mutex_);
         plannedWake_ = Clock::time_point::min();
@@ -512,7 +503,7 @@ void ClientCore::awaitReady(bool (*ready)(const void*), const void* context, Clo
             lock.unlock();
             {
                 Turn turn(*this, false);
-                iterate(deadline, Clock::now() + callerSpin);
+                iterate(deadline);
             }
             lock.lock();
             continue;
