@@ -33,14 +33,6 @@ std::string property(const std::map<std::string, std::string>& props, const std:
     return it == props.end() ? std::string() : it->second;
 }
 
-std::string defaultPkiDir() {
-    std::string base;
-    if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) base = xdg;
-    else if (const char* home = std::getenv("HOME"); home && *home) base = std::string(home) + "/.local/share";
-    else base = ".";
-    return base + "/duvo-opcua/pki";
-}
-
 std::string hostName() {
     char name[256] = {};
     if (gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') return "localhost";
@@ -104,7 +96,7 @@ ClientSecurity::ClientSecurity(std::string endpoint, const std::map<std::string,
         policyUri_ = policyPrefix + policy;
     }
     pkiDir_ = property(props, "opc.security.pkiDir");
-    if (pkiDir_.empty()) pkiDir_ = defaultPkiDir();
+    if (pkiDir_.empty()) pkiDir_ = pki::defaultDir();
     certificate_ = property(props, "opc.security.certificate");
     privateKey_ = property(props, "opc.security.privateKey");
     if (certificate_.empty() != privateKey_.empty())

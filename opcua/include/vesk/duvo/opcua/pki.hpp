@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -17,6 +18,16 @@
 #include <open62541/types.h>
 
 namespace vesk::duvo::pki {
+
+/// The application's PKI folder unless "opc.security.pkiDir" names another: under the user's
+/// data folder ($XDG_DATA_HOME, else ~/.local/share).
+inline std::string defaultDir() {
+    std::string base;
+    if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) base = xdg;
+    else if (const char* home = std::getenv("HOME"); home && *home) base = std::string(home) + "/.local/share";
+    else base = ".";
+    return base + "/duvo-opcua/pki";
+}
 
 /// The file's bytes; throws std::runtime_error "cannot read PATH: REASON".
 inline std::string readFile(const std::string& path) {
