@@ -863,6 +863,7 @@ void ClientCore::onState(UA_Client* client, UA_SecureChannelState channel, UA_Se
     {
         std::lock_guard<std::mutex> lock(core->mutex_);
         if (status != UA_STATUSCODE_GOOD) core->lastStatus_ = status;
+        if (session == UA_SESSIONSTATE_ACTIVATED) core->lastStatus_ = UA_STATUSCODE_GOOD;
         core->channelState_ = channel;
         core->sessionState_ = session;
         if (session == UA_SESSIONSTATE_CLOSED) core->sessionClosed_ = true;

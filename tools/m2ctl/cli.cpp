@@ -196,6 +196,8 @@ void addCommonOptions(po::options_description& options, Common& common, CommonOp
     if (which.endpoint) {
         options.add_options()("endpoint,e", po::value<std::string>(&common.endpoint)->value_name("URL"),
                               "the server, opc.tcp://HOST:PORT");
+    }
+    if (which.endpoint && which.security) {
         const auto property = [&common](const char* key) {
             return po::value<std::string>()->notifier([&common, key](const std::string& v) { common.security[key] = v; });
         };

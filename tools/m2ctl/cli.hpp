@@ -44,13 +44,15 @@ struct CommandLine {
     bool help = false;
 };
 
-/// Adds --help, --verbose, --log-config and, as asked, --endpoint, --uri, --timeout, --json and --map.
+/// Adds --help, --verbose, --log-config and, as asked, --endpoint (with the security options),
+/// --uri, --timeout, --json and --map.
 struct CommonOptions {
     bool endpoint = true;
     bool uri = true;
     bool timeout = true;
     bool json = true;
     bool map = true;
+    bool security = true; // with endpoint: the connection's security options
 };
 void addCommonOptions(po::options_description& options, Common& common, CommonOptions which);
 
