@@ -31,6 +31,7 @@
 #include <vesk/duvo/opcua/uriHelper.hpp>
 
 #include "eventLoopWaker.hpp"
+#include "security.hpp"
 #include <vesk/duvo/opcua/recycling.hpp>
 
 namespace vesk::duvo::opcua::detail {
@@ -198,6 +199,7 @@ private:
 
     const std::string endpoint_;
     const std::map<std::string, std::string> properties_;
+    ClientSecurity security_; // driving thread only, once the client runs
     UA_Client* client_ = nullptr;
     EventLoopWaker waker_;
     bool wakerOpen_ = false;
@@ -213,6 +215,8 @@ private:
     bool newSession_ = false;
     bool inactive_ = false;
     bool connectRequested_ = false;
+    UA_StatusCode lastStatus_ = UA_STATUSCODE_GOOD;  // why the last attempt or session ended
+    std::shared_ptr<const std::string> securityWhy_; // why no attempt can succeed, if security says
     std::deque<ConnectionEvent> connectionEvents_; // with the callbacks registered at that moment
     std::unordered_map<Pending*, std::shared_ptr<Pending>, std::hash<Pending*>, std::equal_to<Pending*>,
                        Recycling<std::pair<Pending* const, std::shared_ptr<Pending>>>>
@@ -259,7 +263,7 @@ private:
 // Life cycle
 
 ClientCore::ClientCore(std::string endpoint, std::map<std::string, std::string> properties)
-    : endpoint_(std::move(endpoint)), properties_(std::move(properties)) {
+    : endpoint_(std::move(endpoint)), properties_(std::move(properties)), security_(endpoint_, properties_) {
     UA_ClientConfig config;
     std::memset(&config, 0, sizeof config);
     config.logging = &forwardingLogger;
@@ -267,6 +271,7 @@ ClientCore::ClientCore(std::string endpoint, std::map<std::string, std::string> 
         UA_ClientConfig_clear(&config);
         throw std::runtime_error("cannot configure the OPC UA client for " + endpoint_);
     }
+    security_.configure(config);
     config.clientContext = this;
     config.timeout = serviceTimeoutMs;
     config.connectivityCheckInterval = connectivityCheckMs;
@@ -547,13 +552,17 @@ void ClientCore::maintainConnection(Clock::time_point now) {
     UA_SecureChannelState channel;
     UA_SessionState session;
     bool requested;
+    UA_StatusCode previous;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         channel = channelState_;
         session = sessionState_;
         requested = std::exchange(connectRequested_, false);
+        previous = lastStatus_;
+        if (session == UA_SESSIONSTATE_ACTIVATED) securityWhy_.reset();
     }
     if (session == UA_SESSIONSTATE_ACTIVATED) {
+        security_.connected();
         backoff_ = firstBackoff;
         attemptStart_.reset();
         return;
@@ -566,7 +575,18 @@ void ClientCore::maintainConnection(Clock::time_point now) {
             backoff_ = firstBackoff;
         }
         if (now < nextAttempt_) return;
-        const UA_StatusCode rc = __UA_Client_connect(client_, true);
+        // A cause that only the user can remove: tried again at the longest backoff, so that a
+        // fix (a trusted certificate, a password) is picked up.
+        bool ready = true;
+        const std::string why = security_.beforeAttempt(*UA_Client_getConfig(client_), previous, ready);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            lastStatus_ = UA_STATUSCODE_GOOD;
+            if (why.empty()) securityWhy_.reset();
+            else securityWhy_ = std::make_shared<const std::string>(why);
+        }
+        if (!why.empty()) backoff_ = maxBackoff;
+        const UA_StatusCode rc = ready ? __UA_Client_connect(client_, true) : UA_STATUSCODE_GOOD;
         if (rc != UA_STATUSCODE_GOOD)
             LOG4CPLUS_DEBUG(logger(), "connection attempt to " << endpoint_ << " failed: " << statusName(rc));
         nextAttempt_ = now + backoff_;
@@ -626,6 +646,7 @@ void ClientCore::expire(Clock::time_point now) {
                 continue;
             }
             (*it)->decide(Pending::Outcome::NotConnected);
+            (*it)->why = securityWhy_;
             completed_.push_back(*it);
             it = queued_.erase(it);
         }
@@ -709,7 +730,10 @@ void ClientCore::submit(const std::shared_ptr<Pending>& p, void* request, Clock:
         std::lock_guard<std::mutex> lock(mutex_);
         if (stopRequested_) p->decide(Pending::Outcome::ShutDown);
         else if (sessionActive_) direct = true;
-        else if (submitDeadline <= now) p->decide(Pending::Outcome::NotConnected);
+        else if (submitDeadline <= now) {
+            p->decide(Pending::Outcome::NotConnected);
+            p->why = securityWhy_;
+        }
     }
     if (p->outcome != Pending::Outcome::None) {
         p->fulfil(endpoint_);
@@ -824,10 +848,13 @@ void ClientCore::onResponse(UA_Client* client, void* userdata, UA_UInt32, void* 
 // ---------------------------------------------------------------------------------------------
 // Connection state
 
-void ClientCore::onState(UA_Client* client, UA_SecureChannelState channel, UA_SessionState session, UA_StatusCode) {
+void ClientCore::onState(UA_Client* client, UA_SecureChannelState channel, UA_SessionState session,
+                         UA_StatusCode status) {
     ClientCore* core = of(client);
     {
         std::lock_guard<std::mutex> lock(core->mutex_);
+        if (status != UA_STATUSCODE_GOOD) core->lastStatus_ = status;
+        if (session == UA_SESSIONSTATE_ACTIVATED) core->lastStatus_ = UA_STATUSCODE_GOOD;
         core->channelState_ = channel;
         core->sessionState_ = session;
         if (session == UA_SESSIONSTATE_CLOSED) core->sessionClosed_ = true;

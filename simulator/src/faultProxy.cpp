@@ -7,6 +7,7 @@
 #include <deque>
 #include <list>
 #include <mutex>
+#include <string>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -94,6 +95,7 @@ struct Connection {
     std::deque<Chunk> toClient;
     std::size_t toServerBytes = 0;
     std::size_t toClientBytes = 0;
+    std::string recentToServer; // the tail that a looked-for text may continue from
 
     ~Connection() {
         closeFd(client);
@@ -182,6 +184,14 @@ struct FaultProxy::Impl {
     }
 
     void run();
+    void look(Connection& c, const std::vector<char>& bytes) {
+        std::lock_guard<std::mutex> lock(lookMutex);
+        if (lookedFor.empty()) return;
+        c.recentToServer.append(bytes.data(), bytes.size());
+        if (c.recentToServer.find(lookedFor) != std::string::npos) lookedForFound = true;
+        if (c.recentToServer.size() >= lookedFor.size())
+            c.recentToServer.erase(0, c.recentToServer.size() - (lookedFor.size() - 1));
+    }
     void accept(Mode current);
     void service(Connection& c, short clientEvents, short serverEvents, Mode current, Clock::time_point now);
 
@@ -194,6 +204,9 @@ struct FaultProxy::Impl {
     std::atomic<long long> delayMs{0};
     std::atomic<bool> stopping{false};
     std::atomic<std::size_t> open{0};
+    std::mutex lookMutex;
+    std::string lookedFor;
+    std::atomic<bool> lookedForFound{false};
     std::list<Connection> connections; // proxy thread only
     std::thread thread;
 };
@@ -224,6 +237,7 @@ void FaultProxy::Impl::service(Connection& c, short clientEvents, short serverEv
         case ReadResult::Closed: c.dead = true; return;
         case ReadResult::WouldBlock: break;
         case ReadResult::Data:
+            look(c, bytes);
             c.toServerBytes += bytes.size();
             c.toServer.push_back({std::move(bytes), 0, now});
             break;
@@ -340,5 +354,13 @@ void FaultProxy::closeAll() { impl_->setMode(Mode::CloseAll); }
 FaultProxy::Mode FaultProxy::mode() const { return impl_->mode; }
 
 std::size_t FaultProxy::connections() const { return impl_->open; }
+
+void FaultProxy::lookFor(const std::string& text) {
+    std::lock_guard<std::mutex> lock(impl_->lookMutex);
+    impl_->lookedFor = text;
+    impl_->lookedForFound = false;
+}
+
+bool FaultProxy::found() const { return impl_->lookedForFound; }
 
 } // namespace vesk::duvo::sim

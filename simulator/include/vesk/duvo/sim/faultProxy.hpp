@@ -49,6 +49,10 @@ public:
     /// Client connections currently open.
     std::size_t connections() const;
 
+    /// Looks for the text in the bytes that clients send from now on; found() tells.
+    void lookFor(const std::string& text);
+    bool found() const;
+
 private:
     struct Impl;
     std::unique_ptr<Impl> impl_;

@@ -33,6 +33,17 @@ struct Options {
     std::vector<std::string> otherDataType;
     /// The interfaces whose methods lack their last input argument.
     std::vector<std::string> lastArgumentDropped;
+    /// Which endpoints it offers: None only, Sign and SignAndEncrypt with Basic256Sha256,
+    /// Aes128_Sha256_RsaOaep and Aes256_Sha256_RsaPss, or both kinds.
+    enum class Security { None, Secure, Both };
+    Security security = Security::None;
+    /// Its PKI folder (needed unless security is None): own/ holds its certificate and key,
+    /// created if missing; when trusted/ holds certificates only those clients are accepted,
+    /// else any client.
+    std::string pkiDir;
+    /// Lines "name:password": these users may log in, anonymous sessions are refused. Empty:
+    /// anonymous sessions only.
+    std::string usersFile;
 };
 
 /// How a method answers. The default is an immediate good reply carrying true.
@@ -88,6 +99,8 @@ public:
     std::uint16_t port() const;
     /// "opc.tcp://<bind address>:<port>", with 127.0.0.1 when every interface listens.
     std::string endpoint() const;
+    /// Its certificate (DER) when it offers security, else empty; made by the first start.
+    std::string certificate() const;
 
     /// The current value of a variable, named by its data structure (e.g. "M2FloatVector6").
     OwnedVariant read(const std::string& variable) const;
