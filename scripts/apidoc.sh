@@ -4,6 +4,23 @@
 # Needs doxygen (Debian package doxygen). Lists the public items without a description and
 # exits 1 when there are any.
 set -euo pipefail
+
+# Doxygen reads the Markdown pages through this (FILTER_PATTERNS): each "##" heading outside
+# code blocks gets the anchor a forge gives it as an explicit label, so the "(#section)" links
+# resolve in the reference too and the files themselves stay plain Markdown.
+if [ "${1:-}" = --markdown-filter ]; then
+    exec awk '
+        /^```/ { fenced = !fenced }
+        !fenced && /^##+ / {
+            slug = tolower($0)
+            sub(/^#+ +/, "", slug)
+            gsub(/[^a-z0-9 _-]/, "", slug)
+            gsub(/ /, "-", slug)
+            $0 = $0 " {#" slug "}"
+        }
+        { print }' "$2"
+fi
+
 cd "$(dirname "$0")/.."
 
 if ! command -v doxygen >/dev/null; then

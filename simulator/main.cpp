@@ -10,6 +10,7 @@
 
 #include <boost/program_options.hpp>
 
+#include <vesk/duvo/opcua/pki.hpp>
 #include <vesk/duvo/sim/simulator.hpp>
 
 namespace po = boost::program_options;
@@ -17,6 +18,7 @@ namespace po = boost::program_options;
 int main(int argc, char** argv) {
     vesk::duvo::sim::Options options;
     bool verbose = false;
+    std::string security = "none";
     po::options_description description("Usage: m2-sim [options]\nServes the m2Types variables and methods over OPC UA");
     description.add_options()
         ("help,h", "print this help and exit")
@@ -24,6 +26,12 @@ int main(int argc, char** argv) {
         ("bind,b", po::value<std::string>(&options.bindAddress)->default_value("127.0.0.1"),
          "address to listen on, 0.0.0.0 for every interface")
         ("animate,a", po::bool_switch(&options.animate), "change some variables periodically")
+        ("security", po::value<std::string>(&security)->default_value("none"),
+         "none, secure (Sign and SignAndEncrypt endpoints) or both")
+        ("users", po::value<std::string>(&options.usersFile),
+         "file of name:password lines; anonymous sessions are then refused")
+        ("pki", po::value<std::string>(&options.pkiDir),
+         "PKI folder: own/ (created if missing), trusted/ (if it holds certificates, only those clients)")
         ("verbose,v", po::bool_switch(&verbose), "show the server's informational messages");
     try {
         po::variables_map vm;
@@ -38,6 +46,14 @@ int main(int argc, char** argv) {
         return 2;
     }
     options.logLevel = verbose ? UA_LOGLEVEL_INFO : UA_LOGLEVEL_WARNING;
+    if (security == "secure") options.security = vesk::duvo::sim::Options::Security::Secure;
+    else if (security == "both") options.security = vesk::duvo::sim::Options::Security::Both;
+    else if (security != "none") {
+        std::cerr << "m2-sim: --security is none, secure or both, not \"" << security << "\"\n";
+        return 2;
+    }
+    if (options.security != vesk::duvo::sim::Options::Security::None && options.pkiDir.empty())
+        options.pkiDir = vesk::duvo::pki::defaultDir() + "/../m2-sim-pki";
 
     // Blocked before any thread starts, so only sigwait below receives them.
     sigset_t stopSignals;
@@ -49,6 +65,9 @@ int main(int argc, char** argv) {
     try {
         vesk::duvo::sim::Simulator simulator(options);
         simulator.start();
+        if (!simulator.certificate().empty())
+            std::cerr << "m2-sim: certificate SHA-1 " << vesk::duvo::pki::thumbprint(simulator.certificate()) << " ("
+                      << options.pkiDir << "/own/cert.der)" << std::endl;
         std::cout << "ready " << simulator.endpoint() << std::endl;
         int signal = 0;
         sigwait(&stopSignals, &signal);

@@ -32,6 +32,7 @@
 #include <vesk/duvo/opcua/uriHelper.hpp>
 
 #include "eventLoopWaker.hpp"
+#include "security.hpp"
 #include <vesk/duvo/opcua/recycling.hpp>
 
 namespace vesk::duvo::opcua::detail {
@@ -68,10 +69,6 @@ constexpr auto shutdownGrace = 200ms;
 // that waits again soon (a loop of synchronous publishes) drives at once, without first waking
 // the network thread out of its wait and waiting for it to let go.
 constexpr auto callerLinger = 2ms;
-// A waiting caller first looks at the network without sleeping for this long: on loopback a
-// reply comes within tens of microseconds, less than it takes to sleep and wake again. Bounded,
-// so that a loaded machine loses no more than this per wait.
-constexpr auto callerSpin = 50us;
 
 log4cplus::Logger& logger() {
     static log4cplus::Logger instance = log4cplus::Logger::getInstance("orsa.duvo.opcua.internal");
@@ -163,7 +160,7 @@ private:
 
     // Whoever drives the loop: the network thread, or a caller in awaitReady.
     void networkLoop();
-    void iterate(Clock::time_point limit, Clock::time_point spinUntil = {});
+    void iterate(Clock::time_point limit);
     void standAside();
     class Turn;
     void handleStateChanges();
@@ -203,6 +200,7 @@ private:
 
     const std::string endpoint_;
     const std::map<std::string, std::string> properties_;
+    ClientSecurity security_; // driving thread only, once the client runs
     UA_Client* client_ = nullptr;
     EventLoopWaker waker_;
     bool wakerOpen_ = false;
@@ -218,6 +216,8 @@ private:
     bool newSession_ = false;
     bool inactive_ = false;
     bool connectRequested_ = false;
+    UA_StatusCode lastStatus_ = UA_STATUSCODE_GOOD;  // why the last attempt or session ended
+    std::shared_ptr<const std::string> securityWhy_; // why no attempt can succeed, if security says
     std::deque<ConnectionEvent> connectionEvents_; // with the callbacks registered at that moment
     std::unordered_map<Pending*, std::shared_ptr<Pending>, std::hash<Pending*>, std::equal_to<Pending*>,
                        Recycling<std::pair<Pending* const, std::shared_ptr<Pending>>>>
@@ -264,7 +264,7 @@ private:
 // Life cycle
 
 ClientCore::ClientCore(std::string endpoint, std::map<std::string, std::string> properties)
-    : endpoint_(std::move(endpoint)), properties_(std::move(properties)) {
+    : endpoint_(std::move(endpoint)), properties_(std::move(properties)), security_(endpoint_, properties_) {
     UA_ClientConfig config;
     std::memset(&config, 0, sizeof config);
     config.logging = &forwardingLogger;
@@ -272,6 +272,7 @@ ClientCore::ClientCore(std::string endpoint, std::map<std::string, std::string> 
         UA_ClientConfig_clear(&config);
         throw std::runtime_error("cannot configure the OPC UA client for " + endpoint_);
     }
+    security_.configure(config);
     config.clientContext = this;
     config.timeout = serviceTimeoutMs;
     config.connectivityCheckInterval = connectivityCheckMs;
@@ -443,21 +444,16 @@ private:
 // One round of the loop: act on what the callbacks recorded, send what waited, fail what
 // expired, then wait for the network until the next thing to do (at most until limit), and
 // hand out the replies that came.
-void ClientCore::iterate(Clock::time_point limit, Clock::time_point spinUntil) {
+void ClientCore::iterate(Clock::time_point limit) {
     handleStateChanges();
     maintainConnection(Clock::now());
     flushQueue();
     expire(Clock::now());
     maintainMonitoring(Clock::now());
     fulfilCompleted();
-    const UA_UInt32 waitMs = planWait(Clock::now(), limit);
-    bool arrived = false;
-    while (waitMs > 0 && !arrived && Clock::now() < spinUntil) {
-        UA_Client_run_iterate(client_, 0);
-        std::lock_guard<std::mutex> lock(mutex_);
-        arrived = workPendingLocked();
-    }
-    if (!arrived) UA_Client_run_iterate(client_, waitMs);
+    // No spinning before the wait: it wins a quiet benchmark and loses on a loaded machine,
+    // where the spinning thread takes the core from the server or the thread that would answer.
+    UA_Client_run_iterate(client_, planWait(Clock::now(), limit));
     {
         std::lock_guard<std::mutex> lock(mutex_);
         plannedWake_ = Clock::time_point::min();
@@ -515,7 +511,7 @@ void ClientCore::awaitReady(bool (*ready)(const void*), const void* context, Clo
             lock.unlock();
             {
                 Turn turn(*this, false);
-                iterate(deadline, Clock::now() + callerSpin);
+                iterate(deadline);
             }
             lock.lock();
             continue;
@@ -559,13 +555,17 @@ void ClientCore::maintainConnection(Clock::time_point now) {
     UA_SecureChannelState channel;
     UA_SessionState session;
     bool requested;
+    UA_StatusCode previous;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         channel = channelState_;
         session = sessionState_;
         requested = std::exchange(connectRequested_, false);
+        previous = lastStatus_;
+        if (session == UA_SESSIONSTATE_ACTIVATED) securityWhy_.reset();
     }
     if (session == UA_SESSIONSTATE_ACTIVATED) {
+        security_.connected();
         backoff_ = firstBackoff;
         attemptStart_.reset();
         return;
@@ -578,7 +578,18 @@ void ClientCore::maintainConnection(Clock::time_point now) {
             backoff_ = firstBackoff;
         }
         if (now < nextAttempt_) return;
-        const UA_StatusCode rc = __UA_Client_connect(client_, true);
+        // A cause that only the user can remove: tried again at the longest backoff, so that a
+        // fix (a trusted certificate, a password) is picked up.
+        bool ready = true;
+        const std::string why = security_.beforeAttempt(*UA_Client_getConfig(client_), previous, ready);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            lastStatus_ = UA_STATUSCODE_GOOD;
+            if (why.empty()) securityWhy_.reset();
+            else securityWhy_ = std::make_shared<const std::string>(why);
+        }
+        if (!why.empty()) backoff_ = maxBackoff;
+        const UA_StatusCode rc = ready ? __UA_Client_connect(client_, true) : UA_STATUSCODE_GOOD;
         if (rc != UA_STATUSCODE_GOOD)
             LOG4CPLUS_DEBUG(logger(), "connection attempt to " << endpoint_ << " failed: " << statusName(rc));
         nextAttempt_ = now + backoff_;
@@ -638,6 +649,7 @@ void ClientCore::expire(Clock::time_point now) {
                 continue;
             }
             (*it)->decide(Pending::Outcome::NotConnected);
+            (*it)->why = securityWhy_;
             completed_.push_back(*it);
             it = queued_.erase(it);
         }
@@ -738,7 +750,10 @@ void ClientCore::submit(const std::shared_ptr<Pending>& p, void* request, Clock:
         std::lock_guard<std::mutex> lock(mutex_);
         if (stopRequested_) p->decide(Pending::Outcome::ShutDown);
         else if (sessionActive_) direct = true;
-        else if (submitDeadline <= now) p->decide(Pending::Outcome::NotConnected);
+        else if (submitDeadline <= now) {
+            p->decide(Pending::Outcome::NotConnected);
+            p->why = securityWhy_;
+        }
     }
     if (p->outcome != Pending::Outcome::None) {
         p->fulfil(endpoint_);
@@ -853,10 +868,13 @@ void ClientCore::onResponse(UA_Client* client, void* userdata, UA_UInt32, void* 
 // ---------------------------------------------------------------------------------------------
 // Connection state
 
-void ClientCore::onState(UA_Client* client, UA_SecureChannelState channel, UA_SessionState session, UA_StatusCode) {
+void ClientCore::onState(UA_Client* client, UA_SecureChannelState channel, UA_SessionState session,
+                         UA_StatusCode status) {
     ClientCore* core = of(client);
     {
         std::lock_guard<std::mutex> lock(core->mutex_);
+        if (status != UA_STATUSCODE_GOOD) core->lastStatus_ = status;
+        if (session == UA_SESSIONSTATE_ACTIVATED) core->lastStatus_ = UA_STATUSCODE_GOOD;
         core->channelState_ = channel;
         core->sessionState_ = session;
         if (session == UA_SESSIONSTATE_CLOSED) core->sessionClosed_ = true;

@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "logging.hpp"
+#include "security.hpp"
 
 namespace vesk::duvo::opcua::detail {
 
@@ -15,15 +16,27 @@ OpcUaDuvo::OpcUaDuvo(vesk::duvo::Duvo::Properties properties) : properties_(std:
 OpcUaDuvo::~OpcUaDuvo() = default;
 
 std::shared_ptr<OpcUaClient> OpcUaDuvo::getClient(const std::string& endpoint,
-                                                  const std::map<std::string, std::string>& properties) {
+                                                  const std::map<std::string, std::string>& entityProperties) {
+    // Security set on the middleware applies to every endpoint whose entity does not set its own.
+    std::map<std::string, std::string> properties = entityProperties;
+    for (const char* const* key = ClientSecurity::keys; *key; ++key)
+        if (auto it = properties_.find(*key); it != properties_.end()) properties.emplace(*key, it->second);
     std::lock_guard<std::mutex> lock(clientsMutex_);
     for (auto it = clients_.begin(); it != clients_.end();) {
-        if (it->second.expired()) it = clients_.erase(it);
+        if (it->second.client.expired()) it = clients_.erase(it);
         else ++it;
     }
-    if (auto client = clients_[endpoint].lock()) return client;
+    auto& shared = clients_[endpoint];
+    if (auto client = shared.client.lock()) {
+        // One connection has one identity: sharing it with other credentials would be silent.
+        const std::string differs = ClientSecurity::firstDifference(shared.properties, properties);
+        if (!differs.empty())
+            throw std::runtime_error("the client of " + endpoint + " already uses another value of DUVO property \"" +
+                                     differs + "\": one endpoint has one client and one security");
+        return client;
+    }
     auto client = std::make_shared<OpcUaClient>(endpoint, properties);
-    clients_[endpoint] = client;
+    shared = SharedClient{client, properties};
     return client;
 }
 

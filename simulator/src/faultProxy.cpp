@@ -9,6 +9,7 @@
 #include <list>
 #include <mutex>
 #include <set>
+#include <string>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -105,6 +106,7 @@ struct Connection {
     // the order the client gets the messages, as it checks them.
     bool renumber = false;
     std::uint32_t lastSequence = 0;
+    std::string recentToServer; // the tail that a looked-for text may continue from
 
     ~Connection() {
         closeFd(client);
@@ -232,6 +234,14 @@ struct FaultProxy::Impl {
     }
 
     void run();
+    void look(Connection& c, const std::vector<char>& bytes) {
+        std::lock_guard<std::mutex> lock(lookMutex);
+        if (lookedFor.empty()) return;
+        c.recentToServer.append(bytes.data(), bytes.size());
+        if (c.recentToServer.find(lookedFor) != std::string::npos) lookedForFound = true;
+        if (c.recentToServer.size() >= lookedFor.size())
+            c.recentToServer.erase(0, c.recentToServer.size() - (lookedFor.size() - 1));
+    }
     void accept(Mode current);
     void service(Connection& c, short clientEvents, short serverEvents, Mode current, Clock::time_point now);
     void toClient(Connection& c, std::vector<char> message, Clock::time_point due);
@@ -247,6 +257,9 @@ struct FaultProxy::Impl {
     std::string slowMarker; // DelaySome: requests that contain these bytes
     std::atomic<bool> stopping{false};
     std::atomic<std::size_t> open{0};
+    std::mutex lookMutex;
+    std::string lookedFor;
+    std::atomic<bool> lookedForFound{false};
     std::list<Connection> connections; // proxy thread only
     std::thread thread;
 };
@@ -277,6 +290,7 @@ void FaultProxy::Impl::service(Connection& c, short clientEvents, short serverEv
         case ReadResult::Closed: c.dead = true; return;
         case ReadResult::WouldBlock: break;
         case ReadResult::Data: {
+            look(c, bytes);
             c.partFromClient.insert(c.partFromClient.end(), bytes.begin(), bytes.end());
             std::string marker;
             if (current == Mode::DelaySome) {
@@ -430,5 +444,13 @@ void FaultProxy::closeAll() { impl_->setMode(Mode::CloseAll); }
 FaultProxy::Mode FaultProxy::mode() const { return impl_->mode; }
 
 std::size_t FaultProxy::connections() const { return impl_->open; }
+
+void FaultProxy::lookFor(const std::string& text) {
+    std::lock_guard<std::mutex> lock(impl_->lookMutex);
+    impl_->lookedFor = text;
+    impl_->lookedForFound = false;
+}
+
+bool FaultProxy::found() const { return impl_->lookedForFound; }
 
 } // namespace vesk::duvo::sim

@@ -6,7 +6,9 @@
 #include <cmath>
 #include <condition_variable>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -15,7 +17,11 @@
 #include <unistd.h>
 
 #include <open62541/server.h>
+#include <open62541/plugin/accesscontrol_default.h>
+#include <open62541/plugin/pki_default.h>
 #include <open62541/server_config_default.h>
+
+#include <vesk/duvo/opcua/pki.hpp>
 
 #include "nodeCatalogue.hpp"
 #include "openAccess.hpp"
@@ -178,6 +184,8 @@ struct Simulator::Impl {
     }
 
     void start();
+    UA_StatusCode configureSecurity(UA_ServerConfig& config);
+    static constexpr const char* applicationUri = "urn:duvo:m2-sim";
     void stop();
     void addVariables(UA_Server* s);
     void addMethods(UA_Server* s);
@@ -191,6 +199,7 @@ struct Simulator::Impl {
 
     const Options options;
     std::uint16_t port;
+    std::string certificate; // DER, once a start made or read it
     // Sized once: the nodes keep pointers to their entries.
     std::vector<VariableState> variables;
     std::vector<InterfaceState> interfaces;
@@ -352,6 +361,76 @@ void Simulator::Impl::addMethods(UA_Server* s) {
     }
 }
 
+namespace {
+
+std::vector<std::pair<std::string, std::string>> readUsers(const std::string& path) {
+    std::vector<std::pair<std::string, std::string>> users;
+    std::istringstream in(pki::readFile(path));
+    for (std::string line; std::getline(in, line);) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        const auto colon = line.find(':');
+        if (line.empty() || line[0] == '#') continue;
+        if (colon == std::string::npos || colon == 0)
+            throw std::runtime_error("a line of " + path + " is not \"name:password\"");
+        users.emplace_back(line.substr(0, colon), line.substr(colon + 1));
+    }
+    return users;
+}
+
+UA_ByteString view(const std::string& s) {
+    return {s.size(), reinterpret_cast<UA_Byte*>(const_cast<char*>(s.data()))};
+}
+
+} // namespace
+
+// The security policies, the check of client certificates and the logins.
+UA_StatusCode Simulator::Impl::configureSecurity(UA_ServerConfig& config) {
+    UA_StatusCode status = UA_STATUSCODE_GOOD;
+    if (options.security == Options::Security::None) {
+        status = UA_ServerConfig_addSecurityPolicyNone(&config, nullptr);
+    } else {
+        if (options.pkiDir.empty()) throw std::runtime_error("a secure simulator needs a PKI folder (Options::pkiDir)");
+        const std::string certPath = options.pkiDir + "/own/cert.der", keyPath = options.pkiDir + "/own/key.der";
+        if (!std::filesystem::exists(certPath) || !std::filesystem::exists(keyPath))
+            pki::createSelfSigned(applicationUri, "m2-sim@localhost", certPath, keyPath);
+        certificate = pki::toDer(pki::readFile(certPath));
+        std::string key = pki::toDer(pki::readFile(keyPath));
+        const UA_ByteString cert = view(certificate), privateKey = view(key);
+        UA_String_clear(&config.applicationDescription.applicationUri);
+        config.applicationDescription.applicationUri = UA_STRING_ALLOC(applicationUri);
+        // A None channel stays possible for discovery even without a None endpoint.
+        status = UA_ServerConfig_addSecurityPolicyNone(&config, &cert);
+        if (status == UA_STATUSCODE_GOOD) status = UA_ServerConfig_addSecurityPolicyBasic256Sha256(&config, &cert, &privateKey);
+        if (status == UA_STATUSCODE_GOOD)
+            status = UA_ServerConfig_addSecurityPolicyAes128Sha256RsaOaep(&config, &cert, &privateKey);
+        if (status == UA_STATUSCODE_GOOD)
+            status = UA_ServerConfig_addSecurityPolicyAes256Sha256RsaPss(&config, &cert, &privateKey);
+        std::fill(key.begin(), key.end(), '\0');
+        const auto trusted = pki::certificatesIn(options.pkiDir + "/trusted");
+        if (status == UA_STATUSCODE_GOOD && !trusted.empty()) {
+            std::vector<UA_ByteString> list;
+            for (const auto& t : trusted) list.push_back(view(t));
+            for (UA_CertificateVerification* cv : {&config.secureChannelPKI, &config.sessionPKI}) {
+                if (cv->clear) cv->clear(cv);
+                if (status == UA_STATUSCODE_GOOD)
+                    status = UA_CertificateVerification_Trustlist(cv, list.data(), list.size(), nullptr, 0, nullptr, 0);
+            }
+        }
+    }
+    if (status != UA_STATUSCODE_GOOD) return status;
+    if (options.usersFile.empty()) return detail::setOpenAccess(config);
+    const auto users = readUsers(options.usersFile);
+    std::vector<UA_UsernamePasswordLogin> logins;
+    for (const auto& [name, password] : users) logins.push_back({UA_STRING(const_cast<char*>(name.c_str())), view(password)});
+    if (config.accessControl.clear) config.accessControl.clear(&config.accessControl);
+    // Passwords travel encrypted: with security, the strongest policy of the server encrypts them.
+    // With security each endpoint's own policy encrypts the password; without, it goes as it is.
+    const UA_String none = UA_STRING(const_cast<char*>("http://opcfoundation.org/UA/SecurityPolicy#None"));
+    const bool plain = options.security == Options::Security::None;
+    config.allowNonePolicyPassword = plain;
+    return UA_AccessControl_default(&config, false, plain ? &none : nullptr, logins.size(), logins.data());
+}
+
 void Simulator::Impl::start() {
     if (server) return;
     if (port != 0) ensurePortFree(options.bindAddress, port);
@@ -360,9 +439,15 @@ void Simulator::Impl::start() {
     config.logging = detail::newStderrLogger(options.logLevel);
     // What UA_ServerConfig_setMinimal sets up, with an access control of our own.
     UA_StatusCode status = UA_ServerConfig_setBasics_withPort(&config, port);
-    if (status == UA_STATUSCODE_GOOD) status = UA_ServerConfig_addSecurityPolicyNone(&config, nullptr);
-    if (status == UA_STATUSCODE_GOOD) status = detail::setOpenAccess(config);
-    if (status == UA_STATUSCODE_GOOD) status = UA_ServerConfig_addAllEndpoints(&config);
+    try {
+        if (status == UA_STATUSCODE_GOOD) status = configureSecurity(config);
+    } catch (...) {
+        UA_ServerConfig_clean(&config);
+        throw;
+    }
+    if (status == UA_STATUSCODE_GOOD)
+        status = options.security == Options::Security::Secure ? UA_ServerConfig_addAllSecureEndpoints(&config)
+                                                               : UA_ServerConfig_addAllEndpoints(&config);
     if (status != UA_STATUSCODE_GOOD) {
         UA_ServerConfig_clean(&config);
         check(status, "cannot configure the simulator");
@@ -458,6 +543,8 @@ std::uint16_t Simulator::port() const {
     std::lock_guard<std::mutex> lock(impl_->serverMutex);
     return impl_->port;
 }
+
+std::string Simulator::certificate() const { return impl_->certificate; }
 
 std::string Simulator::endpoint() const {
     const std::string& address = impl_->options.bindAddress;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <memory>
@@ -19,6 +20,7 @@
 #include <duvo/opcua/detail/ps/subscriber.hpp>
 #include <generated/opcua/m2Types/m2Types.hpp>
 #include <generated/opcua/m2Types/rpc.hpp>
+#include <vesk/duvo/opcua/pki.hpp>
 #include <vesk/duvo/opcua/time.hpp>
 #include <vesk/duvo/sim/faultProxy.hpp>
 
@@ -568,6 +570,151 @@ TEST(CallResults, are_unpacked_with_exact_texts) {
                  std::bad_function_call);
     boost::future<vesk::duvo::opcua::detail::rr::CallResponse> none;
     EXPECT_THROW(vesk::duvo::opcua::detail::rr::unpackCallResult<bool>(none, convert), boost::future_uninitialized);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Secured sessions: each refusal says what to do, once, and its fix is picked up while the
+// client retries. No password in any text, at any log level.
+
+::testing::AssertionResult startsWith(const std::string& text, const std::string& prefix) {
+    if (text.rfind(prefix, 0) == 0) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "\"" << text << "\" does not begin with \"" << prefix << "\"";
+}
+
+class SecureSessions : public ::testing::Test {
+protected:
+    using S = m2Types::M2StringValue0;
+    using SST = generated::opcua::m2Types::M2StringValue0;
+    using Publisher = OpcUaPublisher<S, SST>;
+    using Options = vesk::duvo::sim::Options;
+
+    void SetUp() override { internal().setLogLevel(log4cplus::TRACE_LOG_LEVEL); }
+    void TearDown() override {
+        internal().setLogLevel(log4cplus::NOT_SET_LOG_LEVEL);
+        for (const auto& line : log.lines()) EXPECT_EQ(line.message.find(pki.password), std::string::npos) << line.message;
+    }
+
+    struct Session {
+        std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo> duvo;
+        std::shared_ptr<Publisher> publisher;
+    };
+    static Session open(const std::string& endpoint, const Properties& properties) {
+        Session session{std::make_shared<vesk::duvo::opcua::detail::OpcUaDuvo>(properties), nullptr};
+        session.publisher = std::make_shared<Publisher>(
+            "opcua-ps://" + endpoint.substr(std::string("opc.tcp://").size()) + "#ns=1;s=M2StringValue0", PsQoS{},
+            properties, session.duvo);
+        session.publisher->setState(EntityState::Initialized);
+        return session;
+    }
+    /// What publishing text ends with: "" when written, else the exception's text.
+    std::string publish(Session& session, const std::string& text, std::chrono::milliseconds timeout = 1500ms) {
+        auto sample = session.publisher->createDataEntity();
+        sample->setValue0(text);
+        try {
+            session.publisher->publish(*sample, timeout);
+            return "";
+        } catch (const std::exception& e) {
+            EXPECT_EQ(std::string(e.what()).find(pki.password), std::string::npos);
+            return e.what();
+        }
+    }
+    /// What a read through the session's client ends with: "" when answered, else the failure.
+    std::string read(Session& session, const std::string& endpoint, std::chrono::milliseconds timeout = 1500ms) {
+        const auto client = session.duvo->getClient(endpoint, session.duvo->properties());
+        const auto ids = client->makeReadValueIds(
+            {vesk::duvo::opcua::detail::UaNodeId(UA_NODEID_STRING(1, const_cast<char*>("M2StringValue0")))});
+        try {
+            client->readValuesAsync(ids, 1, std::chrono::steady_clock::now() + timeout).get();
+            return "";
+        } catch (const std::exception& e) {
+            EXPECT_EQ(std::string(e.what()).find(pki.password), std::string::npos);
+            return e.what();
+        }
+    }
+    std::size_t errors(const std::string& text) const {
+        const auto lines = log.containing(text);
+        return std::count_if(lines.begin(), lines.end(),
+                             [](const auto& l) { return l.level == log4cplus::ERROR_LOG_LEVEL; });
+    }
+
+    static log4cplus::Logger internal() { return log4cplus::Logger::getInstance("orsa.duvo.opcua.internal"); }
+
+    const duvo::test::SecurePki& pki = duvo::test::securePki();
+    LogRecorder log{"orsa.duvo.opcua.internal"};
+};
+
+TEST_F(SecureSessions, refusals_say_what_to_do_once_and_a_fix_is_picked_up_while_retrying) {
+    namespace fs = std::filesystem;
+    vesk::duvo::sim::Simulator server(pki.serverOptions(Options::Security::Secure));
+    server.start();
+    const std::string ep = server.endpoint();
+
+    // An untrusted server certificate: put into rejected/, trusted once moved to trusted/.
+    const std::string dir = pki.freshClientDir("untrusted");
+    Session untrusted = open(ep, pki.clientProperties(dir));
+    const std::string thumb = vesk::duvo::pki::thumbprint(server.certificate());
+    const std::string rejected = dir + "/rejected/" + thumb + ".der";
+    const std::string what = read(untrusted, ep);
+    EXPECT_TRUE(startsWith(what, "not connected: the certificate of the server " + ep + " (SHA-1 " + thumb + ") is not trusted"));
+    EXPECT_NE(what.find(rejected), std::string::npos) << what;
+    EXPECT_TRUE(fs::exists(rejected));
+    EXPECT_TRUE(startsWith(read(untrusted, ep, 600ms), "not connected: the certificate"));
+    EXPECT_EQ(errors("is not trusted"), 1u);
+    fs::rename(rejected, dir + "/trusted/" + thumb + ".der");
+    EXPECT_EQ(publish(untrusted, "trusted", 3000ms), "");
+
+    // A wrong password names the user; the corrected password file is read at the next attempt.
+    const std::string passwordFile = dir + "/password";
+    vesk::duvo::pki::writeFile(passwordFile, "wrong\n");
+    Properties withWrong = pki.clientProperties();
+    withWrong["opc.security.passwordFile"] = passwordFile;
+    Session refused = open(ep, withWrong);
+    EXPECT_TRUE(startsWith(read(refused, ep), "not connected: the server " + ep + " refused the user \"operator\""));
+    EXPECT_TRUE(startsWith(read(refused, ep, 600ms), "not connected: the server " + ep + " refused the user"));
+    EXPECT_EQ(errors("refused the user"), 1u);
+    vesk::duvo::pki::writeFile(passwordFile, pki.password);
+    EXPECT_EQ(publish(refused, "fixed", 3000ms), "");
+    EXPECT_EQ(server.read("M2StringValue0").at<UA_String>().length, 5u);
+
+    // Anonymous sessions are refused when the server knows users.
+    Properties anonymous = pki.clientProperties();
+    anonymous.erase("opc.security.user");
+    anonymous.erase("opc.security.passwordFile");
+    anonymous["opc.security.policy"] = "Aes128_Sha256_RsaOaep";
+    Session nobody = open(ep, anonymous);
+    EXPECT_TRUE(startsWith(read(nobody, ep), "not connected: the server " + ep + " refused an anonymous session"));
+
+    // A server without the mode.
+    vesk::duvo::sim::Simulator plain(pki.serverOptions(Options::Security::None));
+    plain.start();
+    Session lacking = open(plain.endpoint(), pki.clientProperties());
+    const std::string noPolicy = read(lacking, plain.endpoint());
+    EXPECT_TRUE(startsWith(noPolicy, "not connected: the server " + plain.endpoint() + " offers no endpoint with security mode"));
+
+    // One endpoint, one client, one identity.
+    Properties other = pki.clientProperties();
+    other["opc.security.mode"] = "Sign";
+    try {
+        untrusted.duvo->getClient(ep, other);
+        ADD_FAILURE();
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("\"opc.security.mode\""), std::string::npos) << e.what();
+    }
+}
+
+TEST_F(SecureSessions, encrypted_traffic_hides_what_is_published) {
+    vesk::duvo::sim::Simulator server(pki.serverOptions());
+    server.start();
+    vesk::duvo::sim::FaultProxy proxy(server.endpoint());
+    Properties none = pki.clientProperties();
+    none["opc.security.mode"] = "None";
+    for (const Properties& properties : {none, pki.clientProperties()}) {
+        const std::string text = "distinctive-" + properties.at("opc.security.mode");
+        proxy.lookFor(text);
+        Session session = open(proxy.endpoint(), properties);
+        EXPECT_EQ(publish(session, text, 3000ms), "");
+        EXPECT_EQ(proxy.found(), properties.at("opc.security.mode") == "None") << text;
+    }
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #pragma once
 // A simulator on a free loopback port and the middleware object that entities share.
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -8,13 +9,21 @@
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
 #include <vesk/duvo/sim/simulator.hpp>
 
+#include "support/securePki.hpp"
+
 namespace duvo::test {
 
 /// One simulator for the whole suite; each test starts from fresh records and default replies.
+/// With DUVO_TEST_SECURE set, the simulator offers secured endpoints and knows only the
+/// operator, and the entities connect with SignAndEncrypt as the operator: the same bodies
+/// prove every type and interface over a secured session.
 class SimulatorSuite : public ::testing::Test {
 public:
+    static bool secure() { return std::getenv("DUVO_TEST_SECURE") != nullptr; }
+
     static void SetUpTestSuite() {
         vesk::duvo::sim::Options options;
+        if (secure()) options = securePki().serverOptions();
         options.logLevel = UA_LOGLEVEL_ERROR; // the stack's start-up warnings are expected here
         simulator = new vesk::duvo::sim::Simulator(options);
         simulator->start();
@@ -29,7 +38,8 @@ protected:
         if (!simulator->running()) simulator->start();
         simulator->clearRecords();
         simulator->setReply(vesk::duvo::sim::Reply{});
-        duvo = std::make_shared<vesk::duvo::opcua::detail::OpcUaDuvo>();
+        duvo = secure() ? std::make_shared<vesk::duvo::opcua::detail::OpcUaDuvo>(securePki().clientProperties())
+                        : std::make_shared<vesk::duvo::opcua::detail::OpcUaDuvo>();
     }
 
     /// "opcua-ps://127.0.0.1:PORT#ns=1;s=<variable>"

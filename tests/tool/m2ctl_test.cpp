@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include <m2Types/m2Types.hpp>
+#include <vesk/duvo/opcua/pki.hpp>
 #include <vesk/duvo/sim/simulator.hpp>
 
 #include "support/simulatorFixture.hpp"
@@ -570,6 +571,38 @@ TEST(M2ctlSim, serves_until_sigterm_after_printing_its_ready_line) {
     EXPECT_EQ(o.code, 0) << o.err;
     sim.signal(SIGTERM);
     EXPECT_EQ(sim.finish(10s).code, 0);
+}
+
+TEST(M2ctlSecurity, an_untrusted_server_or_a_refused_user_is_one_line_and_no_password_is_shown) {
+    const auto& pki = duvo::test::securePki();
+    vesk::duvo::sim::Simulator server(pki.serverOptions(vesk::duvo::sim::Options::Security::Secure));
+    server.start();
+    const std::string dir = pki.freshClientDir("m2ctl");
+    const std::vector<std::string> secure = {"--endpoint", server.endpoint(), "--security-mode", "SignAndEncrypt",
+                                             "--pki", dir, "--user", "operator", "--timeout", "1500"};
+    const auto with = [&](std::vector<std::string> args, std::vector<std::string> more = {}) {
+        args.insert(args.end(), secure.begin(), secure.end());
+        args.insert(args.end(), more.begin(), more.end());
+        return args;
+    };
+    const std::vector<std::string> password = {std::string("DUVO_OPCUA_PASSWORD=") + pki.password};
+    const std::vector<std::string> wrong = {"DUVO_OPCUA_PASSWORD=wrong"};
+
+    Outcome o = run(with({"pub", "M2Int32Value0", "7"}), password);
+    EXPECT_EQ(o.code, 1);
+    expectOneErrorLine(o, "is not trusted");
+    EXPECT_NE(o.err.find("move it to " + dir + "/trusted/"), std::string::npos) << o.err;
+
+    o = run(with({"pub", "M2Int32Value0", "7"}, {"--trust-server"}), password);
+    EXPECT_EQ(o.code, 0) << o.err;
+    EXPECT_NE(o.err.find(vesk::duvo::pki::thumbprint(server.certificate())), std::string::npos) << o.err;
+
+    o = run(with({"call", "PsRpcSetpower", "true"}), wrong);
+    EXPECT_EQ(o.code, 1);
+    expectOneErrorLine(o, "refused the user \"operator\"");
+    o = run(with({"tour"}, {"--verbose"}), password);
+    EXPECT_EQ(o.code, 0) << o.err;
+    EXPECT_EQ((o.out + o.err).find(pki.password), std::string::npos);
 }
 
 } // namespace

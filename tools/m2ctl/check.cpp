@@ -321,7 +321,7 @@ CheckRow checkInterface(Device& device, const Common& common) {
 int checkCommand(int argc, char** argv) {
     Common common;
     po::options_description options("Options");
-    addCommonOptions(options, common, {true, false, true, true, true});
+    addCommonOptions(options, common, {true, false, true, true, true, false});
     const CommandLine line = parseCommandLine(
         "m2ctl check [NAME...] [options]\n"
         "Reads from the device (--endpoint, default " +

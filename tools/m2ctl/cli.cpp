@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <iostream>
@@ -17,7 +18,10 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/nullappender.h>
 #include <log4cplus/spi/loggingevent.h>
+#include <open62541/client.h>
+#include <open62541/client_config_default.h>
 
+#include <vesk/duvo/opcua/pki.hpp>
 #include <vesk/duvo/opcua/uriHelper.hpp>
 
 namespace m2ctl {
@@ -189,9 +193,26 @@ std::string isoTime(double seconds) {
 
 void addCommonOptions(po::options_description& options, Common& common, CommonOptions which) {
     options.add_options()("help,h", "print this help and exit");
-    if (which.endpoint)
+    if (which.endpoint) {
         options.add_options()("endpoint,e", po::value<std::string>(&common.endpoint)->value_name("URL"),
                               "the server, opc.tcp://HOST:PORT");
+    }
+    if (which.endpoint && which.security) {
+        const auto property = [&common](const char* key) {
+            return po::value<std::string>()->notifier([&common, key](const std::string& v) { common.security[key] = v; });
+        };
+        options.add_options()("security-mode", property("opc.security.mode")->value_name("MODE"),
+                              "None (default), Sign or SignAndEncrypt")(
+            "security-policy", property("opc.security.policy")->value_name("POLICY"),
+            "Basic256Sha256, Aes128_Sha256_RsaOaep or Aes256_Sha256_RsaPss (default: the strongest offered)")(
+            "pki", property("opc.security.pkiDir")->value_name("DIR"),
+            "PKI folder with own/, trusted/ and rejected/ (default: ~/.local/share/duvo-opcua/pki)")(
+            "user", property("opc.security.user")->value_name("NAME"), "log in as this user")(
+            "password-file", property("opc.security.passwordFile")->value_name("FILE"),
+            "file holding the user's password (default: DUVO_OPCUA_PASSWORD)")(
+            "trust-server", po::bool_switch(&common.trustServer),
+            "print the server's certificate thumbprint and store it in the PKI's trusted/");
+    }
     if (which.uri)
         options.add_options()("uri,u", po::value<std::string>(&common.uri)->value_name("URI"),
                               "the entity's full URI (opcua-ps://... or opcua-rr://...) instead of the "
@@ -292,7 +313,41 @@ std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo> makeDuvo(const Common& com
                                                                std::map<std::string, std::string> properties) {
     // A call made before the session is up waits no longer than the command's own bound.
     properties.emplace("opc.asyncCallSubmitTimeoutMs", std::to_string(common.timeoutMs));
+    for (const auto& [key, value] : common.security) properties[key] = value;
+    if (common.trustServer) trustServer(endpointOrDefault(common), common.security);
     return std::make_shared<vesk::duvo::opcua::detail::OpcUaDuvo>(std::move(properties));
+}
+
+void trustServer(const std::string& endpoint, const std::map<std::string, std::string>& security) {
+    static UA_Logger silent{nullptr, nullptr, nullptr};
+    UA_ClientConfig config;
+    std::memset(&config, 0, sizeof config);
+    config.logging = &silent;
+    UA_ClientConfig_setDefault(&config);
+    // Discovery over a None channel, whatever endpoints the server offers.
+    config.endpoint.securityMode = UA_MESSAGESECURITYMODE_NONE;
+    config.endpoint.securityPolicyUri = UA_STRING_ALLOC("http://opcfoundation.org/UA/SecurityPolicy#None");
+    config.endpoint.endpointUrl = UA_STRING_ALLOC(endpoint.c_str());
+    config.userTokenPolicy.tokenType = UA_USERTOKENTYPE_ANONYMOUS;
+    UA_Client* probe = UA_Client_newWithConfig(&config);
+    size_t count = 0;
+    UA_EndpointDescription* endpoints = nullptr;
+    const UA_StatusCode rc = UA_Client_getEndpoints(probe, endpoint.c_str(), &count, &endpoints);
+    std::string certificate;
+    for (size_t i = 0; rc == UA_STATUSCODE_GOOD && i < count && certificate.empty(); ++i)
+        certificate.assign(reinterpret_cast<const char*>(endpoints[i].serverCertificate.data),
+                           endpoints[i].serverCertificate.length);
+    UA_Array_delete(endpoints, count, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
+    UA_Client_delete(probe);
+    if (rc != UA_STATUSCODE_GOOD)
+        throw std::runtime_error("cannot ask " + endpoint + " for its certificate: " + UA_StatusCode_name(rc));
+    if (certificate.empty()) throw std::runtime_error(endpoint + " has no certificate to trust (it offers no security)");
+    const auto dir = security.count("opc.security.pkiDir") ? security.at("opc.security.pkiDir")
+                                                           : vesk::duvo::pki::defaultDir();
+    const std::string thumbprint = vesk::duvo::pki::thumbprint(certificate);
+    const std::string path = dir + "/trusted/" + thumbprint + ".der";
+    std::cerr << "trusting the certificate of " << endpoint << ", SHA-1 " << thumbprint << ", as " << path << std::endl;
+    vesk::duvo::pki::writeFile(path, certificate);
 }
 
 void waitForConnection(vesk::duvo::opcua::detail::OpcUaDuvo& duvo, const std::string& uri, long timeoutMs) {
@@ -304,8 +359,10 @@ void waitForEndpoint(vesk::duvo::opcua::detail::OpcUaDuvo& duvo, const std::stri
     const auto client = duvo.getClient(endpoint, duvo.properties());
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (!client->isConnected()) {
+        // A refusal (an untrusted server, a refused user) was logged once: it tells what to do.
         if (std::chrono::steady_clock::now() >= deadline)
-            throw std::runtime_error("cannot connect to " + endpoint + " within " + std::to_string(timeoutMs) + " ms");
+            throw std::runtime_error(
+                withLastProblem("cannot connect to " + endpoint + " within " + std::to_string(timeoutMs) + " ms"));
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
 }

@@ -32,6 +32,9 @@ struct Common {
     std::string mapFile;
     /// Node ids of a device laid out otherwise (--map); null for the simulator's layout.
     std::shared_ptr<const NameMap> map;
+    /// Security of the connection: "opc.security.*" properties, and --trust-server.
+    std::map<std::string, std::string> security;
+    bool trustServer = false;
 };
 
 /// A command's command line once parsed; help is set when --help was asked (and printed).
@@ -41,13 +44,15 @@ struct CommandLine {
     bool help = false;
 };
 
-/// Adds --help, --verbose, --log-config and, as asked, --endpoint, --uri, --timeout, --json and --map.
+/// Adds --help, --verbose, --log-config and, as asked, --endpoint (with the security options),
+/// --uri, --timeout, --json and --map.
 struct CommonOptions {
     bool endpoint = true;
     bool uri = true;
     bool timeout = true;
     bool json = true;
     bool map = true;
+    bool security = true; // with endpoint: the connection's security options
 };
 void addCommonOptions(po::options_description& options, Common& common, CommonOptions which);
 
@@ -78,6 +83,9 @@ std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo> makeDuvo(const Common& com
                                                                std::map<std::string, std::string> properties = {});
 /// Waits up to the timeout for a session with the endpoint (or the URI's); throws otherwise.
 void waitForEndpoint(vesk::duvo::opcua::detail::OpcUaDuvo& duvo, const std::string& endpoint, long timeoutMs);
+/// Asks the server for its certificate over a None channel, prints its thumbprint (stderr) and
+/// stores it in trusted/ of the PKI folder that the security properties name.
+void trustServer(const std::string& endpoint, const std::map<std::string, std::string>& security);
 void waitForConnection(vesk::duvo::opcua::detail::OpcUaDuvo& duvo, const std::string& uri, long timeoutMs);
 
 /// Milliseconds since start, with microseconds.

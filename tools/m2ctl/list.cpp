@@ -14,7 +14,7 @@ int listCommand(int argc, char** argv) {
     po::options_description options("Options");
     options.add_options()("map", po::bool_switch(&map),
                           "print the simulator's layout as a name map (JSON) to edit for a device");
-    addCommonOptions(options, common, {true, false, false, true, false});
+    addCommonOptions(options, common, {true, false, false, true, false, false});
     const CommandLine line = parseCommandLine(
         "m2ctl list [--endpoint URL] [--json | --map]\n"
         "Lists the 24 data types and 23 interfaces with their OPC UA types, shapes and node ids, and the\n"

@@ -45,15 +45,21 @@ public:
     const std::shared_ptr<E>& buffer() const noexcept { return buffer_; }
 
 protected:
+    /// No buffer.
     shared_vector_base() = default;
+    /// The given buffer, seen from offset for size elements.
     shared_vector_base(std::shared_ptr<E> buffer, size_type offset, size_type size, size_type capacity) noexcept
         : buffer_(std::move(buffer)), offset_(offset), size_(size), capacity_(capacity) {}
+    /// Shares the other's buffer.
     shared_vector_base(const shared_vector_base&) = default;
+    /// Shares the other's buffer.
     shared_vector_base& operator=(const shared_vector_base&) = default;
+    /// Takes the other's buffer and leaves it empty.
     shared_vector_base(shared_vector_base&& o) noexcept
         : buffer_(std::move(o.buffer_)), offset_(o.offset_), size_(o.size_), capacity_(o.capacity_) {
         o.offset_ = o.size_ = o.capacity_ = 0;
     }
+    /// Takes the other's buffer and leaves it empty.
     shared_vector_base& operator=(shared_vector_base&& o) noexcept {
         if (this != &o) {
             buffer_ = std::move(o.buffer_);
@@ -65,13 +71,16 @@ protected:
         return *this;
     }
 
+    /// The first element (null without a buffer).
     E* begin_ptr() const noexcept { return buffer_ ? buffer_.get() + offset_ : nullptr; }
 
+    /// A new buffer of n value-initialised elements.
     static std::shared_ptr<E> allocate(size_type n) {
         if (n > std::size_t(-1) / sizeof(E)) throw std::bad_array_new_length();
         return std::shared_ptr<E>(new E[n](), default_array_deleter<E>());
     }
 
+    /// Exchanges the four fields with o.
     void swap_base(shared_vector_base& o) noexcept {
         buffer_.swap(o.buffer_);
         std::swap(offset_, o.offset_);
@@ -79,9 +88,13 @@ protected:
         std::swap(capacity_, o.capacity_);
     }
 
+    /// The shared buffer (null when empty).
     std::shared_ptr<E> buffer_;
+    /// Index of the first element in the buffer.
     size_type offset_ = 0;
+    /// Number of elements.
     size_type size_ = 0;
+    /// Number of elements the buffer holds from its start.
     size_type capacity_ = 0;
 };
 

@@ -57,6 +57,8 @@ public:
     }
 
     void close() override { closed_.store(true); }
+    /// Nothing to do: no callback runs under this store's lock, so no delivery waits on a closer.
+    void stopDeliveries() noexcept {}
 
 private:
     std::mutex mutex_;

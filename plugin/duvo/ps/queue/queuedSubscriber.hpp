@@ -67,6 +67,8 @@ public:
     }
     std::shared_ptr<T> createDataEntity() override { return impl_->createDataEntity(); }
     void close() override { impl_->close(); }
+    /// Deliveries that wait for the store give up from now on (see DataLock).
+    void stopDeliveries() noexcept { impl_->stopDeliveries(); }
 
     const std::shared_ptr<Impl>& getImpl() const noexcept { return impl_; }
 

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -92,7 +93,8 @@ public:
     /// A sample (or its absence) from the source. sourceTime: seconds since the Unix epoch;
     /// alive: 0 when the source was lost; receptionTimeMs: Unix milliseconds.
     void newData(std::unique_ptr<T> data, double sourceTime, long alive, long receptionTimeMs) {
-        DataLock lock(*this);
+        DataLock lock(*this, DataLock::unlessClosed);
+        if (!lock) return;
         expireInstances(receptionTimeMs);
 
         if (alive == 0 && !data) {
@@ -362,6 +364,14 @@ public:
         }
     }
 
+    /// A delivery waiting for the data mutex gives up from now on: the entity closing the
+    /// store may hold it (a callback of a scan) while it waits for that delivery to leave.
+    void stopDeliveries() noexcept {
+        deliveriesStopped_.store(true);
+        std::lock_guard<std::mutex> waiting(releaseMutex_);
+        released_.notify_all();
+    }
+
     /// Called by SyncQueuedSubscription::close.
     void removeSyncSubscription(const std::string& key) {
         DataLock lock(*this);
@@ -390,21 +400,55 @@ private:
     /// into the subscriber is refused rather than deadlocking.
     class DataLock {
     public:
+        static constexpr struct UnlessClosed {
+        } unlessClosed{};
+
         explicit DataLock(QueuedSubscriberImpl& impl) : impl_(impl) {
-            if (impl_.holdsDataLock())
-                throw IllegalStateException("Subscriber called from one of its own callbacks");
+            refuseReentry();
             impl_.dataMutex_.lock();
-            impl_.dataOwner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+            own();
+        }
+        /// A delivery's: gives up once deliveries are stopped. The closing thread may hold the
+        /// data mutex (a callback run by a scan closes or drops the subscriber) and wait for
+        /// this very delivery to leave the monitor or poller.
+        DataLock(QueuedSubscriberImpl& impl, UnlessClosed) : impl_(impl) {
+            refuseReentry();
+            bool locked = impl_.dataMutex_.try_lock();
+            if (!locked) {
+                // Woken by each release; the bounded wait notices a close.
+                std::unique_lock<std::mutex> waiting(impl_.releaseMutex_);
+                ++impl_.deliveriesWaiting_;
+                while (!(locked = impl_.dataMutex_.try_lock()) && !impl_.deliveriesStopped_.load())
+                    impl_.released_.wait_for(waiting, std::chrono::milliseconds(2));
+                --impl_.deliveriesWaiting_;
+            }
+            if (locked) own();
         }
         ~DataLock() {
+            if (!owned_) return;
             impl_.dataOwner_.store(std::thread::id(), std::memory_order_relaxed);
             impl_.dataMutex_.unlock();
+            if (impl_.deliveriesWaiting_.load() > 0) {
+                std::lock_guard<std::mutex> waiting(impl_.releaseMutex_);
+                impl_.released_.notify_all();
+            }
         }
         DataLock(const DataLock&) = delete;
         DataLock& operator=(const DataLock&) = delete;
+        explicit operator bool() const noexcept { return owned_; }
 
     private:
+        void refuseReentry() const {
+            if (impl_.holdsDataLock())
+                throw IllegalStateException("Subscriber called from one of its own callbacks");
+        }
+        void own() {
+            owned_ = true;
+            impl_.dataOwner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+        }
+
         QueuedSubscriberImpl& impl_;
+        bool owned_ = false;
     };
 
     bool holdsDataLock() const noexcept {
@@ -592,6 +636,11 @@ private:
     std::atomic<bool> closed_{false}; // written under the state mutex; read by deliveries without it
 
     std::mutex dataMutex_;
+    // Deliveries waiting for the data mutex (see DataLock's unlessClosed).
+    std::mutex releaseMutex_;
+    std::condition_variable released_;
+    std::atomic<int> deliveriesWaiting_{0};
+    std::atomic<bool> deliveriesStopped_{false};
     std::atomic<std::thread::id> dataOwner_{std::thread::id()};
     std::mutex dispatchMutex_;
 

@@ -46,8 +46,10 @@ public:
     const vesk::duvo::Duvo::Properties& properties() const { return properties_; }
 
     /// The client of the endpoint: the same one for every caller while anyone holds it, a new
-    /// one (connecting at once) otherwise. The properties of the call that creates it apply.
-    /// Thread-safe.
+    /// one (connecting at once) otherwise. The properties of the call that creates it apply (the
+    /// security properties it lacks come from this instance's);
+    /// a later call whose security properties differ throws std::runtime_error naming the
+    /// first such property. Thread-safe.
     std::shared_ptr<OpcUaClient> getClient(const std::string& endpoint, const std::map<std::string, std::string>& properties);
 
     /// The module's plug-in, loaded on first use (once; a failed load is retried on the next
@@ -110,7 +112,11 @@ private:
 
     vesk::duvo::Duvo::Properties properties_;
     std::mutex clientsMutex_;
-    std::map<std::string, std::weak_ptr<OpcUaClient>> clients_;
+    struct SharedClient {
+        std::weak_ptr<OpcUaClient> client;
+        std::map<std::string, std::string> properties; // it was made with
+    };
+    std::map<std::string, SharedClient> clients_;
     std::mutex loaderMutex_;
     std::unique_ptr<PluginLoader> loader_;
 };

@@ -3,6 +3,7 @@
 // carries the caller's completion inside it, so a request costs one block from the free lists
 // whether it ends in a future, a callback or both.
 #include <chrono>
+#include <memory>
 #include <new>
 #include <string>
 #include <utility>
@@ -68,6 +69,7 @@ struct PendingRequest {
         switch (outcome) {
         case Outcome::Timeout: return {true, "timeout: no reply from " + endpoint + " before the deadline", false};
         case Outcome::NotConnected:
+            if (why) return {false, "not connected: " + *why, true};
             return {false, "not connected: no session with " + endpoint + " before the deadline", true};
         case Outcome::ConnectionLost:
             return {false, "connection lost: " + statusName + " before the reply from " + endpoint, false};
@@ -87,6 +89,7 @@ struct PendingRequest {
     Phase phase = Phase::Sending;
     Outcome outcome = Outcome::None;
     UA_StatusCode status = UA_STATUSCODE_GOOD;
+    std::shared_ptr<const std::string> why; // with NotConnected: the cause the client knows
 };
 
 /// A request whose end goes to done(UaUnique<Resp> response, const RequestFailure* failure):

@@ -81,6 +81,9 @@ protected:
 private:
     void shutDown() {
         this->setState(EntityState::Closed);
+        // A delivery waiting for the store then gives up, so the monitor and the poller need
+        // not wait for it: the closing thread may hold the store's lock.
+        Core::stopDeliveries();
         monitor.reset();
         poller.reset();
         Core::close();

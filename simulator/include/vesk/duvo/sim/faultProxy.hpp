@@ -41,6 +41,7 @@ public:
     void delayReplies(std::chrono::milliseconds delay);
     /// Holds the replies to requests that contain these bytes (a node's name, say) for the
     /// delay; the other replies overtake them, as a server that answers some services late.
+    /// Unencrypted connections only: it reads and renumbers the message headers.
     void delayRepliesTo(const std::string& requestBytes, std::chrono::milliseconds delay);
     /// Leaving this mode closes the connections that lost replies: their byte streams are
     /// no longer whole.
@@ -52,6 +53,10 @@ public:
 
     /// Client connections currently open.
     std::size_t connections() const;
+
+    /// Looks for the text in the bytes that clients send from now on; found() tells.
+    void lookFor(const std::string& text);
+    bool found() const;
 
 private:
     struct Impl;

@@ -23,6 +23,7 @@ struct Options {
     std::string bindAddress = "127.0.0.1";
     /// Some variables change every animationPeriod, so subscriptions show live data.
     bool animate = false;
+    /// How often the animated variables change.
     std::chrono::milliseconds animationPeriod{200};
     /// open62541's own messages below this level are dropped; the rest go to stderr.
     UA_LogLevel logLevel = UA_LOGLEVEL_WARNING;
@@ -30,7 +31,19 @@ struct Options {
     /// another element type (Double, or Float instead of Double), these interfaces' methods
     /// without their last input argument.
     std::vector<std::string> otherDataType;
+    /// The interfaces whose methods lack their last input argument.
     std::vector<std::string> lastArgumentDropped;
+    /// Which endpoints it offers: None only, Sign and SignAndEncrypt with Basic256Sha256,
+    /// Aes128_Sha256_RsaOaep and Aes256_Sha256_RsaPss, or both kinds.
+    enum class Security { None, Secure, Both };
+    Security security = Security::None;
+    /// Its PKI folder (needed unless security is None): own/ holds its certificate and key,
+    /// created if missing; when trusted/ holds certificates only those clients are accepted,
+    /// else any client.
+    std::string pkiDir;
+    /// Lines "name:password": these users may log in, anonymous sessions are refused. Empty:
+    /// anonymous sessions only.
+    std::string usersFile;
 };
 
 /// How a method answers. The default is an immediate good reply carrying true.
@@ -41,19 +54,25 @@ struct Reply {
     UA_StatusCode status = UA_STATUSCODE_GOOD;
     /// Answer with an Int32 output instead of the declared Boolean.
     bool wrongOutputType = false;
+    /// The Boolean output of a good reply.
     bool result = true;
 };
 
 /// The source time a variable's value carries.
 struct SourceTime {
+    /// Whether the value carries a source timestamp.
     bool present = false;
+    /// The source timestamp.
     UA_DateTime timestamp = 0;
+    /// The source picoseconds (0 when absent).
     UA_UInt16 picoseconds = 0;
 };
 
 /// What the calls of one interface brought since the last clear.
 struct CallRecord {
+    /// Number of calls.
     std::size_t count = 0;
+    /// The input arguments of the last call.
     std::vector<OwnedVariant> lastArguments;
 };
 
@@ -80,6 +99,8 @@ public:
     std::uint16_t port() const;
     /// "opc.tcp://<bind address>:<port>", with 127.0.0.1 when every interface listens.
     std::string endpoint() const;
+    /// Its certificate (DER) when it offers security, else empty; made by the first start.
+    std::string certificate() const;
 
     /// The current value of a variable, named by its data structure (e.g. "M2FloatVector6").
     OwnedVariant read(const std::string& variable) const;
