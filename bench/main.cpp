@@ -9,12 +9,14 @@
 // compiles, logs or draws is: both sides are measured under the same load.
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -25,6 +27,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <boost/asio/post.hpp>
 #include <boost/thread/future.hpp>
 #include <log4cplus/logger.h>
 #include <log4cplus/nullappender.h>
@@ -137,13 +140,37 @@ struct Pair {
     std::size_t cpuFigure = SIZE_MAX; // also the CPU time per operation, as that figure
 };
 
+/// The end of each poll's read. A chain of polls runs on the I/O thread, each one started when
+/// the last one's read ended, as a poller's timer starts them; the bench thread waits for the
+/// chain's end only.
+struct ReadsEnded {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::size_t count = 0;
+    std::size_t more = 0;
+    std::function<void()> next;
+};
+
 /// Counts poll results where a subscriber's queue would get them.
 template <class ST>
 struct CountingSink {
     static constexpr const char* pollerName = "bench poller for nodes";
     static constexpr bool watchesConnection = false;
     std::size_t* delivered;
+    ReadsEnded* ended;
     void sample(std::unique_ptr<ST>, double) const { ++*delivered; }
+    void readEnded() const {
+        {
+            std::lock_guard<std::mutex> lock(ended->mutex);
+            ++ended->count;
+            if (ended->more > 0) {
+                --ended->more;
+                ended->next();
+                return;
+            }
+        }
+        ended->changed.notify_one();
+    }
     void pollTimedOut(log4cplus::Logger&, const std::string& m) const { throw std::runtime_error(m); }
     void pollFailed(log4cplus::Logger&, const std::string& m) const { throw std::runtime_error(m); }
     void pollThrew() const { throw std::runtime_error("poll threw"); }
@@ -254,10 +281,12 @@ int benchMain(const Options& options) {
     // The poller behind a polling subscriber, driven cycle by cycle.
     using MatrixBinding = generated::opcua::m2Types::M2DoubleMatrix36;
     std::size_t polled = 0;
+    ReadsEnded readsEnded;
     const auto pollClient = duvo->getClient(endpoint, duvo->properties());
     vesk::duvo::opcua::detail::ps::BasicDataPoller<MatrixBinding, CountingSink<MatrixBinding>> poller(
-        CountingSink<MatrixBinding>{&polled}, pollClient,
+        CountingSink<MatrixBinding>{&polled, &readsEnded}, pollClient,
         vesk::duvo::opcua::detail::getNodeIds(psUri("M2DoubleMatrix36")), 0);
+    readsEnded.next = [&] { boost::asio::post(pollClient->ioContext(), [&poller] { poller.poll(); }); };
 
     // ---- the raw side: the same data, held as a user of open62541 would hold it
     RawClient raw(endpoint);
@@ -419,8 +448,13 @@ int benchMain(const Options& options) {
     UA_DateTime rawLastTime = 0;
     pairs.push_back({figure("poll_cycle", "/s", true, 1.0),
                      [&]() -> std::size_t {
-                         poller.poll();
-                         return 1;
+                         // Polls run on the I/O thread and end there when their reply is handled.
+                         std::unique_lock<std::mutex> lock(readsEnded.mutex);
+                         const std::size_t before = readsEnded.count;
+                         readsEnded.more = inFlight - 1;
+                         readsEnded.next();
+                         readsEnded.changed.wait(lock, [&] { return readsEnded.count == before + inFlight; });
+                         return inFlight;
                      },
                      [&]() -> std::size_t {
                          UA_ReadValueId id;

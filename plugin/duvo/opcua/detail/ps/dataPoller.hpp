@@ -184,8 +184,17 @@ private:
         ++serial;
         const std::shared_ptr<Guard> g = guard; // what the reply delivers may destroy the poller
         handle(r);
+        if (g->alive) readEnded(sink, 0);
         if (g->alive && pollAgain) poll();
     }
+
+    /// A sink may ask to hear of every read's end, delivered or not (the benchmark's does).
+    template <class S>
+    static auto readEnded(const S& s, int) -> decltype(s.readEnded()) {
+        return s.readEnded();
+    }
+    template <class S>
+    static void readEnded(const S&, long) {}
 
     void handle(Reply& r) {
         if (r.timedOut) return timedOut();
