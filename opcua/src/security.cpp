@@ -245,34 +245,19 @@ std::string ClientSecurity::report(std::string why) {
 }
 
 std::string ClientSecurity::diagnoseEndpoints(UA_StatusCode previous) {
-    static UA_Logger silent{nullptr, nullptr, nullptr};
-    UA_ClientConfig config;
-    std::memset(&config, 0, sizeof config);
-    config.logging = &silent;
     std::string offered;
     bool modeOffered = false;
-    if (UA_ClientConfig_setDefault(&config) == UA_STATUSCODE_GOOD) {
-        config.timeout = 1000;
-        // The discovery channel as it is, without choosing among endpoints that it could not use.
-        config.endpoint.securityMode = UA_MESSAGESECURITYMODE_NONE;
-        config.endpoint.securityPolicyUri = UA_STRING_ALLOC("http://opcfoundation.org/UA/SecurityPolicy#None");
-        config.endpoint.endpointUrl = UA_STRING_ALLOC(endpoint_.c_str());
-        config.userTokenPolicy.tokenType = UA_USERTOKENTYPE_ANONYMOUS;
-        UA_Client* probe = UA_Client_newWithConfig(&config);
-        size_t count = 0;
-        UA_EndpointDescription* endpoints = nullptr;
-        if (probe && UA_Client_getEndpoints(probe, endpoint_.c_str(), &count, &endpoints) == UA_STATUSCODE_GOOD) {
-            for (size_t i = 0; i < count; ++i) {
-                const auto& e = endpoints[i];
-                const std::string policy = shortPolicy(e.securityPolicyUri);
-                offered += std::string(offered.empty() ? "" : ", ") + modeName(e.securityMode) + "/" + policy;
-                modeOffered = modeOffered || (e.securityMode == mode_ &&
-                                              (policyUri_.empty() || text(e.securityPolicyUri) == policyUri_));
-            }
-            UA_Array_delete(endpoints, count, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
+    size_t count = 0;
+    UA_EndpointDescription* endpoints = nullptr;
+    if (pki::discoverEndpoints(endpoint_, 1000, &count, &endpoints) == UA_STATUSCODE_GOOD) {
+        for (size_t i = 0; i < count; ++i) {
+            const auto& e = endpoints[i];
+            const std::string policy = shortPolicy(e.securityPolicyUri);
+            offered += std::string(offered.empty() ? "" : ", ") + modeName(e.securityMode) + "/" + policy;
+            modeOffered = modeOffered ||
+                          (e.securityMode == mode_ && (policyUri_.empty() || text(e.securityPolicyUri) == policyUri_));
         }
-        if (probe) UA_Client_delete(probe);
-        else UA_ClientConfig_clear(&config);
+        UA_Array_delete(endpoints, count, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
     }
     const std::string status = std::string(" (") + UA_StatusCode_name(previous) + ")";
     if (offered.empty())

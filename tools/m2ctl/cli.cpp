@@ -319,26 +319,14 @@ std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo> makeDuvo(const Common& com
 }
 
 void trustServer(const std::string& endpoint, const std::map<std::string, std::string>& security) {
-    static UA_Logger silent{nullptr, nullptr, nullptr};
-    UA_ClientConfig config;
-    std::memset(&config, 0, sizeof config);
-    config.logging = &silent;
-    UA_ClientConfig_setDefault(&config);
-    // Discovery over a None channel, whatever endpoints the server offers.
-    config.endpoint.securityMode = UA_MESSAGESECURITYMODE_NONE;
-    config.endpoint.securityPolicyUri = UA_STRING_ALLOC("http://opcfoundation.org/UA/SecurityPolicy#None");
-    config.endpoint.endpointUrl = UA_STRING_ALLOC(endpoint.c_str());
-    config.userTokenPolicy.tokenType = UA_USERTOKENTYPE_ANONYMOUS;
-    UA_Client* probe = UA_Client_newWithConfig(&config);
     size_t count = 0;
     UA_EndpointDescription* endpoints = nullptr;
-    const UA_StatusCode rc = UA_Client_getEndpoints(probe, endpoint.c_str(), &count, &endpoints);
+    const UA_StatusCode rc = vesk::duvo::pki::discoverEndpoints(endpoint, 5000, &count, &endpoints);
     std::string certificate;
     for (size_t i = 0; rc == UA_STATUSCODE_GOOD && i < count && certificate.empty(); ++i)
         certificate.assign(reinterpret_cast<const char*>(endpoints[i].serverCertificate.data),
                            endpoints[i].serverCertificate.length);
-    UA_Array_delete(endpoints, count, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
-    UA_Client_delete(probe);
+    if (rc == UA_STATUSCODE_GOOD) UA_Array_delete(endpoints, count, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
     if (rc != UA_STATUSCODE_GOOD)
         throw std::runtime_error("cannot ask " + endpoint + " for its certificate: " + UA_StatusCode_name(rc));
     if (certificate.empty()) throw std::runtime_error(endpoint + " has no certificate to trust (it offers no security)");

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include <open62541/client.h>
+#include <open62541/client_config_default.h>
 #include <open62541/plugin/create_certificate.h>
 #include <open62541/types.h>
 
@@ -174,6 +176,36 @@ inline std::vector<std::string> certificatesIn(const std::string& folder) {
         }
     }
     return out;
+}
+
+/// The endpoints the server offers, asked over a None discovery channel whatever security it
+/// offers for sessions. The caller deletes them (UA_Array_delete) when the call succeeded.
+inline UA_StatusCode discoverEndpoints(const std::string& endpoint, UA_UInt32 timeoutMs, size_t* count,
+                                       UA_EndpointDescription** endpoints) {
+    static UA_Logger silent{nullptr, nullptr, nullptr};
+    UA_ClientConfig config;
+    std::memset(&config, 0, sizeof config);
+    config.logging = &silent;
+    UA_StatusCode rc = UA_ClientConfig_setDefault(&config);
+    if (rc != UA_STATUSCODE_GOOD) {
+        UA_ClientConfig_clear(&config);
+        return rc;
+    }
+    config.timeout = timeoutMs;
+    config.endpoint.securityMode = UA_MESSAGESECURITYMODE_NONE;
+    config.endpoint.securityPolicyUri = UA_STRING_ALLOC("http://opcfoundation.org/UA/SecurityPolicy#None");
+    config.endpoint.endpointUrl = UA_STRING_ALLOC(endpoint.c_str());
+    config.userTokenPolicy.tokenType = UA_USERTOKENTYPE_ANONYMOUS;
+    UA_Client* probe = UA_Client_newWithConfig(&config);
+    if (!probe) {
+        UA_ClientConfig_clear(&config);
+        return UA_STATUSCODE_BADOUTOFMEMORY;
+    }
+    *count = 0;
+    *endpoints = nullptr;
+    rc = UA_Client_getEndpoints(probe, endpoint.c_str(), count, endpoints);
+    UA_Client_delete(probe);
+    return rc;
 }
 
 } // namespace vesk::duvo::pki
