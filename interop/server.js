@@ -3,7 +3,10 @@
 // interop tests. It serves the nodes of the catalogue that `m2ctl list --json` prints, so it
 // cannot drift from the simulator, which is derived from the same table:
 //
-//   node server.js --catalogue FILE [--port N] [--pki DIR]
+//   node server.js --catalogue FILE [--port N] [--pki DIR] [--users FILE]
+//
+// With --users (lines "user:password") it offers only Basic256Sha256 SignAndEncrypt and
+// admits only those users; it accepts every client certificate.
 //
 // It binds 127.0.0.1, prints "ready opc.tcp://127.0.0.1:PORT" once it listens (--port 0
 // picks a free port) and stops on SIGTERM or SIGINT. Certificates go to DIR (default
@@ -39,12 +42,12 @@ const {
 
 function usage(message) {
     if (message) process.stderr.write(`server.js: ${message}\n`);
-    process.stderr.write("usage: node server.js --catalogue FILE [--port N] [--pki DIR]\n");
+    process.stderr.write("usage: node server.js --catalogue FILE [--port N] [--pki DIR] [--users FILE]\n");
     process.exit(2);
 }
 
 function parseArguments(argv) {
-    const options = { port: 4840, pki: path.join(__dirname, "pki"), catalogue: null };
+    const options = { port: 4840, pki: path.join(__dirname, "pki"), catalogue: null, users: null };
     for (let i = 0; i < argv.length; ++i) {
         const value = () => {
             if (i + 1 >= argv.length) usage(`${argv[i]} needs a value`);
@@ -60,6 +63,9 @@ function parseArguments(argv) {
             }
             case "--pki":
                 options.pki = path.resolve(value());
+                break;
+            case "--users":
+                options.users = path.resolve(value());
                 break;
             case "--catalogue":
                 options.catalogue = path.resolve(value());
@@ -248,14 +254,26 @@ async function main() {
         automaticallyAcceptUnknownCertificate: true,
     });
 
+    // Read once: the tests do not change their users while the server runs.
+    const users = new Map();
+    if (options.users)
+        for (const line of fs.readFileSync(options.users, "utf8").split(/\r?\n/)) {
+            const colon = line.indexOf(":");
+            if (colon > 0) users.set(line.slice(0, colon), line.slice(colon + 1));
+        }
+    const secure = options.users !== null;
+
     const server = new OPCUAServer({
         port,
         host: "127.0.0.1",
         hostname: "127.0.0.1",
         alternateHostname: [],
-        securityModes: [MessageSecurityMode.None],
-        securityPolicies: [SecurityPolicy.None],
-        allowAnonymous: true,
+        // None stays for the endpoint request that open62541 clients send before they secure
+        // a channel; without anonymous access no session can be had over it.
+        securityModes: secure ? [MessageSecurityMode.None, MessageSecurityMode.SignAndEncrypt] : [MessageSecurityMode.None],
+        securityPolicies: secure ? [SecurityPolicy.None, SecurityPolicy.Basic256Sha256] : [SecurityPolicy.None],
+        allowAnonymous: !secure,
+        userManager: secure ? { isValidUser: (user, password) => users.get(user) === password } : undefined,
         disableDiscovery: true,
         registerServerMethod: 0, // hidden: no discovery server to register with
         serverCertificateManager,

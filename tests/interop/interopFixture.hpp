@@ -13,6 +13,7 @@
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
 
 #include "nodeServer.hpp"
+#include "support/securePki.hpp"
 #include "rawClient.hpp"
 
 namespace duvo::interop {
@@ -46,7 +47,7 @@ protected:
             if (availability.skip) GTEST_SKIP() << "interop tests skipped, " << availability.reason;
             FAIL() << availability.reason;
         }
-        raw = std::make_unique<RawClient>(server->endpoint());
+        raw = std::make_unique<RawClient>(server->endpoint(), secure());
     }
 
     std::string psUri(const std::string& variable) const { return interop::psUri(server->endpoint(), variable); }
@@ -57,6 +58,9 @@ protected:
     /// A middleware object whose entities read these properties.
     static std::shared_ptr<OpcUaDuvo> middleware(OpcUaDuvo::Properties properties = {}) {
         properties.emplace("opc.asyncCallSubmitTimeoutMs", std::to_string(kWait.count()));
+        if (secure())
+            for (auto& [key, value] : duvo::test::securePki().clientProperties(secureClientPki()))
+                properties.emplace(key, value);
         return std::make_shared<OpcUaDuvo>(std::move(properties));
     }
 

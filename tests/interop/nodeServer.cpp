@@ -17,6 +17,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/securePki.hpp"
+
 namespace duvo::interop {
 
 namespace {
@@ -64,6 +66,7 @@ NodeServer::NodeServer(const Paths& paths, std::chrono::seconds startTimeout) : 
     const std::string pki = paths_.pki.empty() ? paths_.workDir + "/pki" : paths_.pki;
     std::vector<std::string> args{paths_.node, paths_.script, "--catalogue", paths_.catalogue,
                                   "--port",    "0",           "--pki",       pki};
+    if (!paths_.users.empty()) args.insert(args.end(), {"--users", paths_.users});
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
@@ -151,6 +154,7 @@ NodeServer* sharedServer(Availability& availability) {
         tried = true;
         const bool required = std::getenv("DUVO_REQUIRE_INTEROP") != nullptr;
         NodeServer::Paths paths{NodeServer::findNode(), INTEROP_SERVER_SCRIPT, INTEROP_CATALOGUE, workDir()};
+        if (secure()) paths.users = duvo::test::securePki().usersFile;
         const std::string modules = paths.script.substr(0, paths.script.rfind('/')) + "/node_modules/node-opcua";
         if (paths.node.empty()) {
             status.skip = !required;
@@ -170,6 +174,20 @@ NodeServer* sharedServer(Availability& availability) {
     }
     availability = status;
     return server.get();
+}
+
+bool secure() { return std::getenv("DUVO_TEST_SECURE") != nullptr; }
+
+const std::string& secureClientPki() {
+    // node-opcua keeps its certificate as PEM; trusted/ gets it as the server sends it.
+    static const std::string dir = [] {
+        const std::string folder = duvo::test::securePki().freshClientDir("interop-client");
+        vesk::duvo::pki::writeFile(
+            folder + "/trusted/node-opcua.der",
+            vesk::duvo::pki::toDer(vesk::duvo::pki::readFile(workDir() + "/pki/server/own/certs/certificate.pem")));
+        return folder;
+    }();
+    return dir;
 }
 
 } // namespace duvo::interop

@@ -16,6 +16,7 @@ public:
         std::string catalogue; // the JSON of `m2ctl list --json`
         std::string workDir;   // the server's log, and its certificates unless pki is set
         std::string pki = {};  // the certificate folder, shared by servers that run one after another
+        std::string users = {}; // "user:password" lines: SignAndEncrypt for those users only
     };
 
     /// Starts the server and waits for its "ready" line; throws std::runtime_error with the
@@ -56,6 +57,13 @@ struct Availability {
 std::string workDir();
 
 /// The program's one server, started on first call; null with the reason when it cannot run.
+/// With DUVO_TEST_SECURE set, it is the secured variant (SignAndEncrypt, the test users).
 NodeServer* sharedServer(Availability& availability);
+
+/// True when this run talks to the secured variant.
+bool secure();
+
+/// A client PKI folder with the test client's certificate that trusts the secured server's.
+const std::string& secureClientPki();
 
 } // namespace duvo::interop

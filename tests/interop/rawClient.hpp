@@ -12,9 +12,12 @@
 #include <open62541/client_config_default.h>
 #include <open62541/client_highlevel.h>
 #include <open62541/plugin/log_stdout.h>
+#include <open62541/plugin/pki_default.h>
 
 #include <m2Types/m2Types.hpp>
 #include <vesk/duvo/sim/ownedVariant.hpp>
+
+#include "support/securePki.hpp"
 
 namespace duvo::interop {
 
@@ -106,7 +109,8 @@ typename T::value_type valueOf(const UA_Variant& v) {
 
 class RawClient {
 public:
-    explicit RawClient(const std::string& endpoint) : client_(newClient()) {
+    /// secure: SignAndEncrypt with Basic256Sha256 as the test operator, any server certificate.
+    explicit RawClient(const std::string& endpoint, bool secure = false) : client_(newClient(secure)) {
         check(UA_Client_connect(client_, endpoint.c_str()), "connect to " + endpoint);
     }
     ~RawClient() {
@@ -223,12 +227,27 @@ public:
 
 private:
     // UA_Client_new() would log every socket at INFO: give the configuration a quiet logger first.
-    static UA_Client* newClient() {
+    static UA_Client* newClient(bool secure) {
         UA_ClientConfig config;
         std::memset(&config, 0, sizeof config);
         config.logging = UA_Log_Stdout_new(UA_LOGLEVEL_ERROR);
         UA_ClientConfig_setDefault(&config);
         config.timeout = 5000;
+        if (secure) {
+            const auto& pki = duvo::test::securePki();
+            std::string cert = vesk::duvo::pki::readFile(pki.client() + "/own/cert.der");
+            std::string key = vesk::duvo::pki::readFile(pki.client() + "/own/key.der");
+            check(UA_ClientConfig_setDefaultEncryption(&config, {cert.size(), (UA_Byte*)cert.data()},
+                                                       {key.size(), (UA_Byte*)key.data()}, nullptr, 0, nullptr, 0),
+                  "set up encryption");
+            if (config.certificateVerification.clear) config.certificateVerification.clear(&config.certificateVerification);
+            UA_CertificateVerification_AcceptAll(&config.certificateVerification);
+            config.securityMode = UA_MESSAGESECURITYMODE_SIGNANDENCRYPT;
+            config.securityPolicyUri = UA_STRING_ALLOC("http://opcfoundation.org/UA/SecurityPolicy#Basic256Sha256");
+            UA_String_clear(&config.clientDescription.applicationUri);
+            config.clientDescription.applicationUri = UA_STRING_ALLOC("urn:duvo:test-client");
+            check(UA_ClientConfig_setAuthenticationUsername(&config, pki.user, pki.password), "set the user");
+        }
         UA_Client* client = UA_Client_newWithConfig(&config);
         if (!client) throw std::runtime_error("cannot create an OPC UA client");
         return client;
