@@ -14,7 +14,7 @@
 #include <vesk/duvo/rr/qos.hpp>
 #include <vesk/duvo/sim/simulator.hpp>
 
-#include "interopFixture.hpp"
+#include "support/servers.hpp"
 
 namespace {
 
@@ -118,7 +118,7 @@ std::string describeInterface(RawClient& client, const std::string& iface, const
 }
 
 /// The in-process simulator beside the program's node server.
-class BothServers : public duvo::interop::NodeServerSuite {
+class BothServers : public duvo::test::OnNodeServer {
 protected:
     static void SetUpTestSuite() {
         vesk::duvo::sim::Options options;
@@ -131,7 +131,7 @@ protected:
         simulator = nullptr;
     }
     void SetUp() override {
-        NodeServerSuite::SetUp();
+        OnNodeServer::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
         simRaw = std::make_unique<RawClient>(simulator->endpoint());
     }
@@ -139,7 +139,7 @@ protected:
     /// Publishes one sample of T to a node of each server; "ok" or the error.
     template <class T>
     std::pair<std::string, std::string> publishTo(const std::string& node, const typename T::value_type& value) {
-        return {publishOnce<T>(duvo::interop::psUri(simulator->endpoint(), node), value),
+        return {publishOnce<T>("opcua-ps://" + simulator->endpoint().substr(10) + "#ns=1;s=" + node, value),
                 publishOnce<T>(psUri(node), value)};
     }
     template <class T>
@@ -148,7 +148,7 @@ protected:
             auto publisher = middleware()->createPublisher<T>(uri);
             std::shared_ptr<T> sample = publisher->createDataEntity();
             sample->setValue0(value);
-            publisher->publish(*sample, duvo::interop::kWait);
+            publisher->publish(*sample, duvo::test::kWait);
             return "ok";
         } catch (const std::exception& e) {
             // Keep the status of "...: failed to write to node N: STATUS Uri:..."; anything else whole.
@@ -168,13 +168,13 @@ protected:
                                     object + ",ns=1;s=" + method;
             try {
                 auto stub = middleware()->createClient<Sync>(
-                    uri, RrQoS{std::make_shared<vesk::duvo::rr::qos::ReplyTime>(duvo::interop::kWait)});
+                    uri, RrQoS{std::make_shared<vesk::duvo::rr::qos::ReplyTime>(duvo::test::kWait)});
                 return invoke(*stub) ? "true" : "false";
             } catch (const std::exception& e) {
                 return e.what();
             }
         };
-        return {once(simulator->endpoint()), once(server->endpoint())};
+        return {once(simulator->endpoint()), once(node->endpoint())};
     }
 
     static vesk::duvo::sim::Simulator* simulator;
@@ -187,8 +187,8 @@ class AddressSpace : public BothServers {};
 
 TEST_F(AddressSpace, every_variable_matches_the_simulator) {
 #define COMPARE_VARIABLE(Name, ...)                                                              \
-    EXPECT_EQ(describeVariable(*raw, #Name), describeVariable(*simRaw, #Name)) << #Name;        \
-    EXPECT_EQ(attribute(*raw, stringNode(#Name), UA_ATTRIBUTEID_VALUE),                            \
+    EXPECT_EQ(describeVariable(raw->raw, #Name), describeVariable(*simRaw, #Name)) << #Name;        \
+    EXPECT_EQ(attribute(raw->raw, stringNode(#Name), UA_ATTRIBUTEID_VALUE),                            \
               attribute(*simRaw, stringNode(#Name), UA_ATTRIBUTEID_VALUE))                         \
         << #Name << " starts with another value";
     M2TYPES_DATA_CATALOGUE(COMPARE_VARIABLE)
@@ -197,7 +197,7 @@ TEST_F(AddressSpace, every_variable_matches_the_simulator) {
 
 TEST_F(AddressSpace, every_method_matches_the_simulator) {
 #define COMPARE_INTERFACE(Iface, Method, ...)                                                                      \
-    EXPECT_EQ(describeInterface(*raw, #Iface, "RPC_" #Method), describeInterface(*simRaw, #Iface, "RPC_" #Method)) \
+    EXPECT_EQ(describeInterface(raw->raw, #Iface, "RPC_" #Method), describeInterface(*simRaw, #Iface, "RPC_" #Method)) \
         << #Iface;
     M2TYPES_INTERFACE_CATALOGUE(COMPARE_INTERFACE)
 #undef COMPARE_INTERFACE
@@ -218,7 +218,7 @@ TEST_F(AddressSpace, describes_what_it_compares) {
 }
 
 TEST_F(AddressSpace, m2ctl_check_finds_both_servers_conforming) {
-    for (const std::string& endpoint : {simulator->endpoint(), server->endpoint()}) {
+    for (const std::string& endpoint : {simulator->endpoint(), node->endpoint()}) {
         const std::string command = std::string(M2CTL_PROGRAM) + " check --timeout 10000 --endpoint " + endpoint + " 2>&1";
         FILE* pipe = ::popen(command.c_str(), "r");
         ASSERT_NE(pipe, nullptr);
@@ -235,10 +235,10 @@ class Differences : public BothServers {
 protected:
     void TearDown() override {
         // Put back what a test left in a wrong shape, for the tests that follow.
-        if (!raw || !server) return;
+        if (!raw) return;
         m2Types::M2Int32Value0::value_type zero = 0;
-        raw->write("M2Int32Value0", *duvo::interop::variantOf<m2Types::M2Int32Value0>(zero));
-        raw->write("M2Int32Vector6",
+        raw->raw.write("M2Int32Value0", *duvo::interop::variantOf<m2Types::M2Int32Value0>(zero));
+        raw->raw.write("M2Int32Vector6",
                    *duvo::interop::variantOf<m2Types::M2Int32Vector6>(vesk::duvo::freeze(vesk::duvo::shared_vector<int>(6))));
     }
 };
@@ -250,13 +250,13 @@ TEST_F(Differences, an_array_written_to_a_scalar_variable) {
     EXPECT_EQ(node, "ok"); // node-opcua checks the element type, not the value rank
 
     // A subscriber of the scalar then receives the array's first element.
-    const OwnedVariant held = raw->read("M2Int32Value0");
+    const OwnedVariant held = raw->raw.read("M2Int32Value0");
     EXPECT_FALSE(held.isScalar());
     EXPECT_EQ(held.arrayLength(), 3u);
     auto subscriber = middleware({{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "20"}})
                           ->createSubscriber<m2Types::M2Int32Value0>(psUri("M2Int32Value0"));
     std::vector<std::shared_ptr<m2Types::M2Int32Value0>> got;
-    for (auto end = std::chrono::steady_clock::now() + duvo::interop::kWait; got.empty() && std::chrono::steady_clock::now() < end;) {
+    for (auto end = std::chrono::steady_clock::now() + duvo::test::kWait; got.empty() && std::chrono::steady_clock::now() < end;) {
         got = subscriber->read(0);
         std::this_thread::sleep_for(10ms);
     }
@@ -268,14 +268,14 @@ TEST_F(Differences, a_scalar_written_to_an_array_variable) {
     const auto [sim, node] = publishTo<m2Types::M2Int32Value0>("M2Int32Vector6", 5);
     EXPECT_EQ(sim, "BadTypeMismatch");
     EXPECT_EQ(node, "ok");
-    const OwnedVariant held = raw->read("M2Int32Vector6");
+    const OwnedVariant held = raw->raw.read("M2Int32Vector6");
     EXPECT_TRUE(held.isScalar());
 
     // A subscriber of the vector takes the scalar as an array of none.
     auto subscriber = middleware({{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "20"}})
                           ->createSubscriber<m2Types::M2Int32Vector6>(psUri("M2Int32Vector6"));
     std::vector<std::shared_ptr<m2Types::M2Int32Vector6>> got;
-    for (auto end = std::chrono::steady_clock::now() + duvo::interop::kWait; got.empty() && std::chrono::steady_clock::now() < end;) {
+    for (auto end = std::chrono::steady_clock::now() + duvo::test::kWait; got.empty() && std::chrono::steady_clock::now() < end;) {
         got = subscriber->read(0);
         std::this_thread::sleep_for(10ms);
     }
@@ -323,7 +323,7 @@ TEST_F(Differences, calls_with_arguments_the_method_does_not_take) {
 
 TEST_F(Differences, a_method_called_on_an_object_it_does_not_belong_to) {
     // open62541 checks that the object has the method; node-opcua runs the method anyway.
-    const auto calls = [&] { return raw->read("PsRpcSetpower.RPC_SetPower.CallCount").at<UA_UInt32>(); };
+    const auto calls = [&] { return raw->raw.read("PsRpcSetpower.RPC_SetPower.CallCount").at<UA_UInt32>(); };
     const UA_UInt32 before = calls();
     const auto result = callAt<m2Types::PsRpcSetpowerSync>("WhRpcSetpower", "PsRpcSetpower.RPC_SetPower",
                                                            [](auto& s) { return s.RPC_SetPower(true); });

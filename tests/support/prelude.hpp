@@ -1,0 +1,91 @@
+#pragma once
+// What the entity tests share: the usual includes and names, and waits for what a subscriber
+// or a server receives.
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <open62541/types.h>
+
+#include <m2Types/catalogue.hpp>
+#include <m2Types/m2Types.hpp>
+#include <vesk/duvo/opcua/opcuaDuvo.hpp>
+#include <vesk/duvo/rr/qos.hpp>
+#include <vesk/duvo/sim/faultProxy.hpp>
+
+#include "entities/logRecorder.hpp"
+#include "support/sampleValues.hpp"
+
+namespace duvo::test {
+
+using namespace std::chrono_literals;
+using vesk::duvo::opcua::detail::OpcUaDuvo;
+using vesk::duvo::ps::DataEvent;
+using vesk::duvo::ps::DataEventFilter;
+using vesk::duvo::ps::InstanceState;
+using PsQoS = std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>;
+using RrQoS = std::vector<std::shared_ptr<vesk::duvo::rr::qos::QoS>>;
+using Properties = vesk::duvo::Duvo::Properties;
+using AllTypes = m2Types::rebind_t<::testing::Types, m2Types::DataTypes>;
+using T = m2Types::M2Int32Value0;
+
+constexpr const char* subscriberLog = "orsa.duvo.opcua.subscriber";
+constexpr const char* publisherLog = "orsa.duvo.opcua.publisher";
+const Properties monitoredProps{{"opc.ps.pollingPeriodMs", "0"}};
+inline Properties polledProps(int periodMs) {
+    return {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", std::to_string(periodMs)}};
+}
+
+/// How long a publish, a call or a delivery may take: the first of an entity waits for its
+/// session, which node-opcua sets up in seconds on a loaded machine.
+constexpr std::chrono::milliseconds kWait = 10000ms;
+
+/// Waits until check() holds; false when the time is up.
+template <class Check>
+bool eventually(Check check, std::chrono::milliseconds within = kWait) {
+    for (const auto end = std::chrono::steady_clock::now() + within;; std::this_thread::sleep_for(5ms)) {
+        if (check()) return true;
+        if (std::chrono::steady_clock::now() >= end) return false;
+    }
+}
+
+/// Reads from the queue until a sample with the value arrives.
+template <class Type>
+bool receives(vesk::duvo::ps::Subscriber<Type>& subscriber, const typename Type::value_type& value,
+              std::chrono::milliseconds within = kWait) {
+    return eventually(
+        [&] {
+            for (const auto& sample : subscriber.read(0))
+                if (sample && sample->getValue0() == value) return true;
+            return false;
+        },
+        within);
+}
+
+template <class Type>
+bool mostRecentIs(vesk::duvo::ps::MrvSubscriber<Type>& subscriber, const typename Type::value_type& value,
+                  std::chrono::milliseconds within = kWait) {
+    return eventually(
+        [&] {
+            const auto samples = subscriber.readMostRecent(0ms);
+            return samples.size() == 1 && samples[0]->getValue0() == value;
+        },
+        within);
+}
+
+/// The text of the E that f() throws, or "" when it returns.
+template <class E = std::exception, class F>
+std::string failure(F f) {
+    try {
+        f();
+        return "";
+    } catch (const E& e) {
+        return e.what();
+    }
+}
+
+} // namespace duvo::test
