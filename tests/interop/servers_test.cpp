@@ -1,37 +1,24 @@
 // The two servers side by side: the same m2Types address space, and the error paths on which
 // they differ, each asserted as it is. docs/decisions.md ("The independent server") lists them.
-#include <chrono>
 #include <cstdio>
-#include <memory>
 #include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include <m2Types/catalogue.hpp>
-#include <vesk/duvo/rr/qos.hpp>
 #include <vesk/duvo/sim/simulator.hpp>
 
 #include "support/servers.hpp"
 
+namespace duvo::test {
 namespace {
 
-using namespace std::chrono_literals;
-using duvo::interop::OwnedVariant;
-using duvo::interop::RawClient;
-using duvo::interop::stringNode;
-using RrQoS = std::vector<std::shared_ptr<vesk::duvo::rr::qos::QoS>>;
-
-std::string status(UA_StatusCode code) { return UA_StatusCode_name(code); }
+using interop::RawClient;
+using interop::stringNode;
 
 /// One attribute as text: its value, or its status when it has none.
 std::string attribute(RawClient& client, const UA_NodeId& node, UA_AttributeId id) {
     UA_DataValue dv = client.readAttribute(node, id);
     std::string out;
     if (dv.hasStatus && dv.status != UA_STATUSCODE_GOOD) {
-        out = status(dv.status);
+        out = UA_StatusCode_name(dv.status);
     } else if (!dv.hasValue || UA_Variant_isEmpty(&dv.value)) {
         out = "empty";
     } else {
@@ -148,7 +135,7 @@ protected:
             auto publisher = middleware()->createPublisher<T>(uri);
             std::shared_ptr<T> sample = publisher->createDataEntity();
             sample->setValue0(value);
-            publisher->publish(*sample, duvo::test::kWait);
+            publisher->publish(*sample, kWait);
             return "ok";
         } catch (const std::exception& e) {
             // Keep the status of "...: failed to write to node N: STATUS Uri:..."; anything else whole.
@@ -168,7 +155,7 @@ protected:
                                     object + ",ns=1;s=" + method;
             try {
                 auto stub = middleware()->createClient<Sync>(
-                    uri, RrQoS{std::make_shared<vesk::duvo::rr::qos::ReplyTime>(duvo::test::kWait)});
+                    uri, RrQoS{std::make_shared<vesk::duvo::rr::qos::ReplyTime>(kWait)});
                 return invoke(*stub) ? "true" : "false";
             } catch (const std::exception& e) {
                 return e.what();
@@ -236,10 +223,8 @@ protected:
     void TearDown() override {
         // Put back what a test left in a wrong shape, for the tests that follow.
         if (!raw) return;
-        m2Types::M2Int32Value0::value_type zero = 0;
-        raw->raw.write("M2Int32Value0", *duvo::interop::variantOf<m2Types::M2Int32Value0>(zero));
-        raw->raw.write("M2Int32Vector6",
-                   *duvo::interop::variantOf<m2Types::M2Int32Vector6>(vesk::duvo::freeze(vesk::duvo::shared_vector<int>(6))));
+        raw->writeValue<m2Types::M2Int32Value0>(0);
+        raw->writeValue<m2Types::M2Int32Vector6>(vesk::duvo::freeze(vesk::duvo::shared_vector<int>(6)));
     }
 };
 
@@ -256,7 +241,7 @@ TEST_F(Differences, an_array_written_to_a_scalar_variable) {
     auto subscriber = middleware({{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "20"}})
                           ->createSubscriber<m2Types::M2Int32Value0>(psUri("M2Int32Value0"));
     std::vector<std::shared_ptr<m2Types::M2Int32Value0>> got;
-    for (auto end = std::chrono::steady_clock::now() + duvo::test::kWait; got.empty() && std::chrono::steady_clock::now() < end;) {
+    for (auto end = std::chrono::steady_clock::now() + kWait; got.empty() && std::chrono::steady_clock::now() < end;) {
         got = subscriber->read(0);
         std::this_thread::sleep_for(10ms);
     }
@@ -275,7 +260,7 @@ TEST_F(Differences, a_scalar_written_to_an_array_variable) {
     auto subscriber = middleware({{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "20"}})
                           ->createSubscriber<m2Types::M2Int32Vector6>(psUri("M2Int32Vector6"));
     std::vector<std::shared_ptr<m2Types::M2Int32Vector6>> got;
-    for (auto end = std::chrono::steady_clock::now() + duvo::test::kWait; got.empty() && std::chrono::steady_clock::now() < end;) {
+    for (auto end = std::chrono::steady_clock::now() + kWait; got.empty() && std::chrono::steady_clock::now() < end;) {
         got = subscriber->read(0);
         std::this_thread::sleep_for(10ms);
     }
@@ -333,15 +318,15 @@ TEST_F(Differences, a_method_called_on_an_object_it_does_not_belong_to) {
 }
 
 TEST(NodeServerProcess, announces_its_endpoint_and_stops_on_sigterm) {
-    duvo::interop::Availability availability;
-    if (!duvo::interop::sharedServer(availability)) {
+    interop::Availability availability;
+    if (!interop::sharedServer(availability)) {
         if (availability.skip) GTEST_SKIP() << "interop tests skipped, " << availability.reason;
         FAIL() << availability.reason;
     }
-    duvo::interop::NodeServer::Paths paths{duvo::interop::NodeServer::findNode(), INTEROP_SERVER_SCRIPT,
-                                           INTEROP_CATALOGUE, duvo::interop::workDir() + "/second",
-                                           duvo::interop::workDir() + "/pki"};
-    duvo::interop::NodeServer second(paths, std::chrono::seconds(120));
+    interop::NodeServer::Paths paths{interop::NodeServer::findNode(), INTEROP_SERVER_SCRIPT,
+                                           INTEROP_CATALOGUE, interop::workDir() + "/second",
+                                           interop::workDir() + "/pki"};
+    interop::NodeServer second(paths, std::chrono::seconds(120));
     EXPECT_EQ(second.endpoint().rfind("opc.tcp://127.0.0.1:", 0), 0u) << second.endpoint();
     {
         RawClient client(second.endpoint());
@@ -353,3 +338,4 @@ TEST(NodeServerProcess, announces_its_endpoint_and_stops_on_sigterm) {
 }
 
 } // namespace
+} // namespace duvo::test

@@ -4,11 +4,15 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <log4cplus/appender.h>
+#include <log4cplus/logger.h>
+#include <log4cplus/spi/loggingevent.h>
 #include <open62541/types.h>
 
 #include <m2Types/catalogue.hpp>
@@ -17,7 +21,6 @@
 #include <vesk/duvo/rr/qos.hpp>
 #include <vesk/duvo/sim/faultProxy.hpp>
 
-#include "entities/logRecorder.hpp"
 #include "support/sampleValues.hpp"
 
 namespace duvo::test {
@@ -76,6 +79,56 @@ bool mostRecentIs(vesk::duvo::ps::MrvSubscriber<Type>& subscriber, const typenam
         },
         within);
 }
+
+struct LogLine {
+    log4cplus::LogLevel level;
+    std::string message;
+};
+
+/// Records what reaches one logger while it lives (and keeps it from the root logger). Entities
+/// log from the client's threads, so the record has a lock of its own.
+class LogRecorder {
+public:
+    explicit LogRecorder(const std::string& loggerName)
+        : logger_(log4cplus::Logger::getInstance(loggerName)), additive_(logger_.getAdditivity()) {
+        logger_.addAppender(held_);
+        logger_.setAdditivity(false);
+    }
+    ~LogRecorder() {
+        logger_.removeAppender(held_);
+        logger_.setAdditivity(additive_);
+    }
+    std::vector<LogLine> lines() const {
+        std::lock_guard<std::mutex> lock(appender_->mutex);
+        return appender_->lines;
+    }
+    std::vector<LogLine> containing(const std::string& text) const {
+        std::vector<LogLine> found;
+        for (auto& line : lines())
+            if (line.message.find(text) != std::string::npos) found.push_back(line);
+        return found;
+    }
+    /// Waits until at least count lines contain text.
+    bool waitFor(const std::string& text, std::size_t count = 1, std::chrono::milliseconds within = 5000ms) const {
+        return eventually([&] { return containing(text).size() >= count; }, within);
+    }
+
+private:
+    struct Appender : log4cplus::Appender {
+        ~Appender() override { destructorImpl(); }
+        void close() override {}
+        void append(const log4cplus::spi::InternalLoggingEvent& event) override {
+            std::lock_guard<std::mutex> lock(mutex);
+            lines.push_back({event.getLogLevel(), event.getMessage()});
+        }
+        std::mutex mutex;
+        std::vector<LogLine> lines;
+    };
+    log4cplus::Logger logger_;
+    bool additive_;
+    Appender* appender_ = new Appender;
+    log4cplus::SharedAppenderPtr held_{appender_};
+};
 
 /// The text of the E that f() throws, or "" when it returns.
 template <class E = std::exception, class F>
