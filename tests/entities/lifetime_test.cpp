@@ -1,92 +1,40 @@
 // Entities closed and destroyed while notifications, poll timers and call replies are still
 // in flight, from several threads; run these under the sanitizers.
-#include <atomic>
-#include <chrono>
 #include <cstdint>
-#include <memory>
 #include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <boost/asio/post.hpp>
 #include <boost/thread/future.hpp>
-#include <gtest/gtest.h>
-#include <open62541/types.h>
-
-#include <duvo/opcua/detail/ps/mrvSubscriber.hpp>
-#include <duvo/opcua/detail/ps/publisher.hpp>
-#include <duvo/opcua/detail/ps/subscriber.hpp>
-#include <generated/opcua/m2Types/m2Types.hpp>
-#include <generated/opcua/m2Types/rpc.hpp>
-#include <vesk/duvo/sim/faultProxy.hpp>
 
 #include "entities/pairSample.hpp"
-#include "support/makeEntity.hpp"
-#include "support/simulatorFixture.hpp"
+#include "support/servers.hpp"
 
+namespace duvo::test {
 namespace {
 
-using duvo::test::make;
-using namespace std::chrono_literals;
-using duvo::test::Pair;
-using duvo::test::PairBinding;
-using vesk::duvo::opcua::detail::OpcUaClient;
-using vesk::duvo::opcua::detail::OpcUaDuvo;
-using vesk::duvo::opcua::detail::ps::EntityState;
-using vesk::duvo::opcua::detail::ps::OpcUaMrvSubscriber;
-using vesk::duvo::opcua::detail::ps::OpcUaPublisher;
-using vesk::duvo::opcua::detail::ps::OpcUaPublisherDelegator;
-using vesk::duvo::opcua::detail::ps::OpcUaSubscriber;
-using vesk::duvo::opcua::detail::ps::OpcUaSubscriberDelegator;
-using vesk::duvo::ps::DataEvent;
-using vesk::duvo::ps::DataEventFilter;
-using PsQoS = std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>;
-using RrQoS = std::vector<std::shared_ptr<vesk::duvo::rr::qos::QoS>>;
-using Properties = vesk::duvo::Duvo::Properties;
-using T = m2Types::M2Int32Value0;
-using ST = generated::opcua::m2Types::M2Int32Value0;
-using AsyncClient = generated::opcua::m2Types::PsRpcSetpowerAsyncImpl;
-
-std::unique_ptr<OpcUaPublisherDelegator<T, ST>> makePublisher(const std::string& uri,
-                                                              const std::shared_ptr<OpcUaDuvo>& duvo) {
-    auto publisher = std::make_shared<OpcUaPublisher<T, ST>>(uri, PsQoS{}, Properties{}, duvo);
-    publisher->setState(EntityState::Initialized);
-    return std::make_unique<OpcUaPublisherDelegator<T, ST>>(publisher);
-}
-
-/// Every way a client future may fail: the texts its failures begin with.
-bool knownFailure(const std::string& text) {
-    for (const char* prefix : {"timeout", "not connected", "connection lost", "client shut down", "request failed"})
-        if (text.rfind(prefix, 0) == 0) return true;
-    return false;
-}
+using Subscriber = vesk::duvo::ps::Subscriber<T>;
+using AsyncClient = m2Types::PsRpcSetpowerAsync;
+const Properties monitoredOrPolled[] = {monitoredProps, polledProps(2)};
 
 /// Completed within the time, with a result or with one of the client's failures.
-::testing::AssertionResult completes(boost::future<bool>& future, std::chrono::milliseconds within = 10000ms) {
+::testing::AssertionResult completes(boost::future<bool>& future, std::chrono::milliseconds within = kWait) {
     if (future.wait_for(boost::chrono::milliseconds(within.count())) != boost::future_status::ready)
         return ::testing::AssertionFailure() << "a call never completed";
-    try {
-        future.get();
-        return ::testing::AssertionSuccess();
-    } catch (const std::exception& e) {
-        if (knownFailure(e.what())) return ::testing::AssertionSuccess();
-        return ::testing::AssertionFailure() << "unexpected failure: " << e.what();
-    }
+    const std::string text = failure([&] { future.get(); });
+    if (text.empty()) return ::testing::AssertionSuccess();
+    for (const char* prefix : {"timeout", "not connected", "connection lost", "client shut down", "request failed"})
+        if (text.rfind(prefix, 0) == 0) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "unexpected failure: " << text;
 }
 
 /// Writes the two nodes over and over, as a device would, until destroyed.
 class ServerWriter {
 public:
-    explicit ServerWriter(vesk::duvo::sim::Simulator& sim)
-        : thread_([this, &sim] {
+    explicit ServerWriter(Server& server)
+        : thread_([this, &server] {
               for (std::int32_t i = 0; !stop_.load(); ++i) {
-                  UA_Variant v;
-                  UA_Variant_setScalar(&v, &i, &UA_TYPES[UA_TYPES_INT32]);
-                  sim.write("M2Int32Value0", v);
-                  float level = static_cast<float>(i);
-                  UA_Variant_setScalar(&v, &level, &UA_TYPES[UA_TYPES_FLOAT]);
-                  sim.write("M2FloatValue0", v);
+                  server.writeValue<T>(i);
+                  server.writeValue<m2Types::M2FloatValue0>(static_cast<float>(i));
                   std::this_thread::sleep_for(1ms);
               }
           }) {}
@@ -100,54 +48,46 @@ private:
     std::thread thread_;
 };
 
-class Lifetime : public duvo::test::SimulatorSuite {
+class Lifetime : public OnSimulator {
 protected:
     static std::string pairUri(const std::string& endpoint = simulator->endpoint()) {
         return psUri("M2Int32Value0", endpoint) + ",ns=1;s=M2FloatValue0";
     }
-
-    static bool receivesAny(vesk::duvo::ps::Subscriber<T>& subscriber, std::chrono::milliseconds within = 10000ms) {
-        const auto end = std::chrono::steady_clock::now() + within;
-        while (std::chrono::steady_clock::now() < end) {
-            for (const auto& sample : subscriber.read(0))
-                if (sample) return true;
-            std::this_thread::sleep_for(5ms);
-        }
-        return false;
+    static bool receivesAny(Subscriber& subscriber) {
+        return eventually([&] { return !subscriber.read(0).empty(); });
     }
 
     /// Returns once whatever the client's delivery thread is doing now has finished.
-    static void flushDeliveries(OpcUaClient& client) {
+    static void flushDeliveries(vesk::duvo::opcua::detail::OpcUaClient& client) {
         boost::promise<void> flushed;
         boost::asio::post(client.ioContext(), [&flushed] { flushed.set_value(); });
         flushed.get_future().wait();
     }
 
-    /// Drops the subscriber, as createSubscriber returns it, in its own asynchronous callback;
+    /// Drops the subscriber, as the middleware hands it out, in its own asynchronous callback;
     /// the number of calls, -1 when none came.
-    template <class Type, class Binding>
-    int dropInOwnCallback(const std::string& uri, const Properties& properties) {
-        const auto client = duvo->getClient(simulator->endpoint(), {}); // outlives the subscriber
-        std::unique_ptr<vesk::duvo::ps::Subscriber<Type>> subscriber =
-            std::make_unique<OpcUaSubscriberDelegator<Type, Binding>>(make<OpcUaSubscriber<Type, Binding>>(uri, properties, duvo));
+    template <class Type>
+    int dropInOwnCallback(const std::shared_ptr<OpcUaDuvo>& middleware,
+                          std::unique_ptr<vesk::duvo::ps::Subscriber<Type>> subscriber) {
+        const auto client = middleware->getClient(simulator->endpoint(), {}); // outlives the subscriber
         std::atomic<int> calls{0};
         std::atomic<bool> dropped{false};
-        subscriber->subscribeAsync(DataEventFilter<Type>(),
-                                   [&](vesk::duvo::ps::Subscriber<Type>&, const DataEvent<Type>&) {
-                                       if (calls++ != 0) return;
-                                       subscriber.reset();
-                                       dropped = true;
-                                   });
-        const auto end = std::chrono::steady_clock::now() + 10s;
-        while (!dropped.load() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
-        if (!dropped.load()) return -1;
+        subscriber->subscribeAsync(DataEventFilter<Type>(), [&](vesk::duvo::ps::Subscriber<Type>&, const DataEvent<Type>&) {
+            if (calls++ != 0) return;
+            subscriber.reset();
+            dropped = true;
+        });
+        if (!eventually([&] { return dropped.load(); })) return -1;
         flushDeliveries(*client);
         return calls.load();
     }
 };
 
 TEST_F(Lifetime, threads_create_use_and_drop_entities_while_the_server_writes) {
-    ServerWriter writer(*simulator);
+    ServerWriter writer(*server);
+    const auto monitoring = middleware(monitoredProps);
+    const auto polling = middleware(polledProps(5));
+    const std::string uri = psUri("M2Int32Value0");
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
@@ -157,32 +97,28 @@ TEST_F(Lifetime, threads_create_use_and_drop_entities_while_the_server_writes) {
             std::vector<boost::future<bool>> kept;
             for (int round = 0; round < 10; ++round) {
                 const int kind = (t + round) % 5;
-                std::shared_ptr<vesk::duvo::ps::Subscriber<T>> queued;
+                std::shared_ptr<Subscriber> queued;
                 std::shared_ptr<vesk::duvo::ps::MrvSubscriber<T>> mostRecent;
-                std::shared_ptr<OpcUaSubscriber<Pair, PairBinding>> pair;
-                const Properties monitored{{"opc.ps.pollingPeriodMs", "0"}};
-                const Properties polled{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "5"}};
-                const std::string uri = psUri("M2Int32Value0");
+                std::shared_ptr<vesk::duvo::ps::Subscriber<Pair>> pair;
                 switch (kind) {
-                case 0: queued = make<OpcUaSubscriber<T, ST>>(uri, monitored, duvo); break;
-                case 1: queued = make<OpcUaSubscriber<T, ST>>(uri, polled, duvo); break;
-                case 2: mostRecent = make<OpcUaMrvSubscriber<T, ST>>(uri, monitored, duvo); break;
-                case 3: mostRecent = make<OpcUaMrvSubscriber<T, ST>>(uri, polled, duvo); break;
-                default: pair = make<OpcUaSubscriber<Pair, PairBinding>>(pairUri(), monitored, duvo); break;
+                case 0: queued = monitoring->createSubscriber<T>(uri); break;
+                case 1: queued = polling->createSubscriber<T>(uri); break;
+                case 2: mostRecent = monitoring->createMrvSubscriber<T>(uri); break;
+                case 3: mostRecent = polling->createMrvSubscriber<T>(uri); break;
+                default: pair = pairSubscriber(pairUri(), monitoredProps, monitoring); break;
                 }
                 std::atomic<int> delivered{0};
                 std::unique_ptr<vesk::duvo::ps::Subscription> subscription;
                 if (queued && chance(50))
-                    subscription = queued->subscribeAsync(
-                        DataEventFilter<T>(), [&delivered](vesk::duvo::ps::Subscriber<T>&, const DataEvent<T>&) { ++delivered; });
-                auto publisher = makePublisher(uri, duvo);
-                auto client = std::make_unique<AsyncClient>(rrUri("PsRpcSetpower", "RPC_SetPower"), RrQoS{}, Properties{},
-                                                            duvo);
-                ST sample;
+                    subscription = queued->subscribeAsync(DataEventFilter<T>(),
+                                                          [&delivered](Subscriber&, const DataEvent<T>&) { ++delivered; });
+                auto publisher = duvo->createPublisher<T>(uri);
+                auto client = duvo->createClient<AsyncClient>(rrUri("PsRpcSetpower", "RPC_SetPower"));
+                auto sample = publisher->createDataEntity();
                 const int steps = 5 + static_cast<int>(random() % 25);
                 for (int i = 0; i < steps; ++i) {
-                    sample.setValue0(t * 100000 + round * 1000 + i);
-                    publisher->publish(sample, 0ms);
+                    sample->setValue0(t * 100000 + round * 1000 + i);
+                    publisher->publish(*sample, 0ms);
                     auto call = client->RPC_SetPower(i % 2 == 0);
                     if (chance(30)) kept.push_back(std::move(call)); // the others are dropped in flight
                     if (queued) queued->read(0);
@@ -216,24 +152,18 @@ TEST_F(Lifetime, threads_create_use_and_drop_entities_while_the_server_writes) {
     EXPECT_EQ(failures.load(), 0);
 
     // Everything still works on the same middleware afterwards.
-    auto subscriber = make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0"), {{"opc.ps.pollingPeriodMs", "0"}}, duvo);
-    EXPECT_TRUE(receivesAny(*subscriber));
-    AsyncClient client(rrUri("PsRpcSetpower", "RPC_SetPower"), RrQoS{}, Properties{}, duvo);
-    EXPECT_TRUE(client.RPC_SetPower(true).get());
+    EXPECT_TRUE(receivesAny(*monitoring->createSubscriber<T>(uri)));
+    EXPECT_TRUE(duvo->createClient<AsyncClient>(rrUri("PsRpcSetpower", "RPC_SetPower"))->RPC_SetPower(true).get());
 }
 
 TEST_F(Lifetime, subscribers_destroyed_without_close_stop_delivering) {
-    ServerWriter writer(*simulator);
+    ServerWriter writer(*server);
     std::atomic<int> delivered{0};
-    const auto count = [&delivered](vesk::duvo::ps::Subscriber<T>&, const DataEvent<T>&) { ++delivered; };
-    for (const Properties& properties :
-         {Properties{{"opc.ps.pollingPeriodMs", "0"}},
-          Properties{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "2"}}}) {
-        auto subscriber = make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0"), properties, duvo);
+    const auto count = [&delivered](Subscriber&, const DataEvent<T>&) { ++delivered; };
+    for (const Properties& properties : monitoredOrPolled) {
+        auto subscriber = middleware(properties)->createSubscriber<T>(psUri("M2Int32Value0"));
         auto subscription = subscriber->subscribeAsync(DataEventFilter<T>(), count);
-        const auto end = std::chrono::steady_clock::now() + 10s;
-        while (delivered.load() < 5 && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
-        ASSERT_GE(delivered.load(), 5);
+        ASSERT_TRUE(eventually([&] { return delivered.load() >= 5; }));
         subscriber.reset(); // no close(): the destructor stops the monitor and the poller
         const int after = delivered.load();
         std::this_thread::sleep_for(100ms);
@@ -241,43 +171,20 @@ TEST_F(Lifetime, subscribers_destroyed_without_close_stop_delivering) {
         subscription->close(); // harmless once the subscriber is gone
         delivered = 0;
     }
-    // The multi-node kind, and the most-recent-value kind, likewise.
-    auto pair = make<OpcUaSubscriber<Pair, PairBinding>>(pairUri(), {{"opc.ps.pollingPeriodMs", "0"}}, duvo);
-    auto mostRecent = make<OpcUaMrvSubscriber<T, ST>>(
-        psUri("M2Int32Value0"), {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "2"}}, duvo);
-    std::this_thread::sleep_for(50ms);
-    pair.reset();
-    mostRecent.reset();
 }
 
 TEST_F(Lifetime, a_subscriber_closes_or_destroys_itself_from_its_own_callbacks) {
-    using Subscriber = vesk::duvo::ps::Subscriber<T>;
-    ServerWriter writer(*simulator);
-    const auto client = duvo->getClient(simulator->endpoint(), {}); // outlives the subscribers
-    for (const Properties& properties :
-         {Properties{{"opc.ps.pollingPeriodMs", "0"}},
-          Properties{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "2"}}}) {
-        auto subscriber = make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0"), properties, duvo);
+    ServerWriter writer(*server);
+    for (const Properties& properties : monitoredOrPolled) {
+        const auto m = middleware(properties);
+        const auto client = m->getClient(simulator->endpoint(), {}); // outlives the subscribers
+        auto subscriber = m->createSubscriber<T>(psUri("M2Int32Value0"));
         std::atomic<int> closes{0};
-        auto subscription = subscriber->subscribeAsync(
-            DataEventFilter<T>(), [&closes](Subscriber& self, const DataEvent<T>&) {
-                if (closes++ == 0) self.close();
-            });
+        auto subscription = subscriber->subscribeAsync(DataEventFilter<T>(), [&closes](Subscriber& self, const DataEvent<T>&) {
+            if (closes++ == 0) self.close();
+        });
         // The store closes last: once reads fail, the whole close has happened.
-        const auto closed = [&] {
-            try {
-                subscriber->read(0);
-                return false;
-            } catch (const vesk::duvo::IllegalStateException&) {
-                return true;
-            }
-        };
-        const auto end = std::chrono::steady_clock::now() + 10s;
-        while (!closed() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(2ms);
-        ASSERT_TRUE(closed());
-        EXPECT_EQ(subscriber->getState(), EntityState::Closed);
-        EXPECT_FALSE(subscriber->hasMonitor());
-        EXPECT_FALSE(subscriber->hasPoller());
+        ASSERT_TRUE(eventually([&] { return failure([&] { subscriber->read(0); }) != ""; }));
         // Destroyed at once, while the delivery that closed it may still be leaving the store.
         subscriber.reset();
         std::this_thread::sleep_for(50ms);
@@ -285,14 +192,13 @@ TEST_F(Lifetime, a_subscriber_closes_or_destroys_itself_from_its_own_callbacks) 
 
         // The one-shot pattern: the application drops the subscriber it was given inside the
         // subscriber's own delivery.
-        EXPECT_EQ((dropInOwnCallback<T, ST>(psUri("M2Int32Value0"), properties)), 1);
-        EXPECT_EQ((dropInOwnCallback<Pair, PairBinding>(pairUri(), properties)), 1);
+        EXPECT_EQ(dropInOwnCallback<T>(m, m->createSubscriber<T>(psUri("M2Int32Value0"))), 1);
+        EXPECT_EQ(dropInOwnCallback<Pair>(m, pairSubscriber(pairUri(), properties, m)), 1);
 
         // A synchronous callback closes, or drops, the subscriber inside poll's first scan
         // while a delivery waits to enter the store.
         for (const bool destroy : {false, true}) {
-            std::unique_ptr<Subscriber> polled = std::make_unique<OpcUaSubscriberDelegator<T, ST>>(
-                make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0"), properties, duvo));
+            std::unique_ptr<Subscriber> polled = m->createSubscriber<T>(psUri("M2Int32Value0"));
             int syncCalls = 0;
             auto sync = polled->subscribe(DataEventFilter<T>(), [&](Subscriber& self, const DataEvent<T>&) {
                 if (syncCalls++ != 0) return;
@@ -302,11 +208,10 @@ TEST_F(Lifetime, a_subscriber_closes_or_destroys_itself_from_its_own_callbacks) 
                 else
                     self.close();
             });
-            const auto stop = std::chrono::steady_clock::now() + 10s;
-            while (syncCalls == 0 && std::chrono::steady_clock::now() < stop) {
+            eventually([&] {
                 polled->poll(1, 0ms); // the first scan only
-                if (syncCalls == 0) std::this_thread::sleep_for(2ms);
-            }
+                return syncCalls != 0;
+            });
             ASSERT_EQ(syncCalls, 1);
             if (destroy) {
                 EXPECT_EQ(polled, nullptr);
@@ -321,32 +226,22 @@ TEST_F(Lifetime, a_subscriber_closes_or_destroys_itself_from_its_own_callbacks) 
 }
 
 TEST_F(Lifetime, racing_closes_shut_down_once) {
-    ServerWriter writer(*simulator);
-    for (const Properties& properties :
-         {Properties{{"opc.ps.pollingPeriodMs", "0"}},
-          Properties{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "2"}}}) {
+    ServerWriter writer(*server);
+    for (const Properties& properties : monitoredOrPolled) {
+        const auto m = middleware(properties);
         for (int attempt = 0; attempt < 5; ++attempt) {
-            auto queued = make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0"), properties, duvo);
-            auto pair = make<OpcUaSubscriber<Pair, PairBinding>>(pairUri(), properties, duvo);
-            std::atomic<int> closed{0};
-            std::atomic<int> refused{0};
+            auto queued = m->createSubscriber<T>(psUri("M2Int32Value0"));
+            auto pair = pairSubscriber(pairUri(), properties, m);
+            std::atomic<int> closed{0}, refused{0};
             std::atomic<bool> go{false};
             std::vector<std::thread> threads;
             for (int t = 0; t < 4; ++t)
                 threads.emplace_back([&] {
                     while (!go.load()) std::this_thread::yield();
-                    try {
-                        queued->close();
-                        ++closed;
-                    } catch (const vesk::duvo::IllegalStateException& e) {
-                        EXPECT_EQ(std::string(e.what()), "Entity closed. Uri:" + psUri("M2Int32Value0"));
-                        ++refused;
-                    }
-                    try {
-                        pair->close();
-                    } catch (const vesk::duvo::IllegalStateException&) {
-                        // another thread closed it
-                    }
+                    const std::string text = failure<vesk::duvo::IllegalStateException>([&] { queued->close(); });
+                    ++(text.empty() ? closed : refused);
+                    EXPECT_TRUE(text.empty() || text == "Entity closed. Uri:" + psUri("M2Int32Value0")) << text;
+                    failure<vesk::duvo::IllegalStateException>([&] { pair->close(); }); // another thread closed it
                 });
             go = true;
             for (auto& thread : threads) thread.join();
@@ -358,16 +253,15 @@ TEST_F(Lifetime, racing_closes_shut_down_once) {
 
 TEST_F(Lifetime, connection_loss_during_polls) {
     vesk::duvo::sim::FaultProxy proxy(simulator->endpoint());
-    ServerWriter writer(*simulator);
+    ServerWriter writer(*server);
     const std::string uri = psUri("M2Int32Value0", proxy.endpoint());
-    const Properties polled{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "100"}};
-    auto queued = make<OpcUaSubscriber<T, ST>>(uri, polled, duvo);
-    auto mostRecent = make<OpcUaMrvSubscriber<T, ST>>(uri, polled, duvo);
-    auto pair = make<OpcUaSubscriber<Pair, PairBinding>>(pairUri(proxy.endpoint()), {{"opc.ps.pollingPeriodMs", "0"}},
-                                                         duvo);
+    const auto polling = middleware(polledProps(100));
+    auto queued = polling->createSubscriber<T>(uri);
+    auto mostRecent = polling->createMrvSubscriber<T>(uri);
+    auto pair = pairSubscriber(pairUri(proxy.endpoint()), monitoredProps, duvo);
     ASSERT_TRUE(receivesAny(*queued));
 
-    const DataEventFilter<T> gone(nullptr, vesk::duvo::ps::InstanceState::NotAlive, {});
+    const DataEventFilter<T> gone(nullptr, InstanceState::NotAlive, {});
     for (int outage = 0; outage < 3; ++outage) {
         proxy.closeAll(); // polls in progress lose their connection
         std::vector<std::shared_ptr<DataEvent<T>>> events;
@@ -395,24 +289,23 @@ TEST_F(Lifetime, calls_and_writes_in_flight_when_the_client_goes) {
     std::vector<boost::future<bool>> calls;
     {
         // A middleware of its own, so that the client goes with these entities.
-        auto own = std::make_shared<OpcUaDuvo>();
-        AsyncClient client(rrUri("PsRpcSetpower", "RPC_SetPower", proxy.endpoint()), RrQoS{}, Properties{}, own);
-        auto publisher = makePublisher(psUri("M2Int32Value0", proxy.endpoint()), own);
-        ASSERT_TRUE(client.RPC_SetPower(true).get()); // connected
+        auto own = middleware();
+        auto client = own->createClient<AsyncClient>(rrUri("PsRpcSetpower", "RPC_SetPower", proxy.endpoint()));
+        auto publisher = own->createPublisher<T>(psUri("M2Int32Value0", proxy.endpoint()));
+        ASSERT_TRUE(client->RPC_SetPower(true).get()); // connected
         proxy.delayReplies(2000ms);
-        ST sample;
+        auto sample = publisher->createDataEntity();
         for (int i = 0; i < 20; ++i) {
-            calls.push_back(client.RPC_SetPower(true));
-            sample.setValue0(i);
-            publisher->publish(sample, 0ms);
+            calls.push_back(client->RPC_SetPower(true));
+            sample->setValue0(i);
+            publisher->publish(*sample, 0ms);
         }
-        client.close();
+        client->close();
         publisher->close();
     } // the last holders of the client are gone: it shuts down with replies outstanding
-    for (auto& call : calls) {
-        ASSERT_TRUE(completes(call, 5000ms));
-    }
+    for (auto& call : calls) ASSERT_TRUE(completes(call, 5000ms));
     proxy.passThrough();
 }
 
 } // namespace
+} // namespace duvo::test

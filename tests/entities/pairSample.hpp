@@ -7,6 +7,10 @@
 
 #include <open62541/types.h>
 
+#include <duvo/opcua/detail/ps/mrvSubscriber.hpp>
+#include <duvo/opcua/detail/ps/publisher.hpp>
+#include <duvo/opcua/detail/ps/subscriber.hpp>
+#include <generated/opcua/m2Types/entryPoints.hpp>
 #include <vesk/duvo/opcua/detail/binding/ensureCorrectType.hpp>
 #include <vesk/duvo/opcua/detail/ps/opcUaDataEntity.hpp>
 #include <vesk/duvo/ps/dataEntity.hpp>
@@ -82,5 +86,20 @@ private:
     float level_;
     mutable UA_DataValue values_[fieldCount];
 };
+
+/// An entity of Pair, made as the plug-in's entry points make theirs: Entity is one of
+/// OpcUaSubscriber, OpcUaMrvSubscriber and OpcUaPublisher, Delegator its delegator.
+template <template <class, class> class Delegator, template <class, class> class Entity>
+std::unique_ptr<Delegator<Pair, PairBinding>> makePair(const std::string& uri, const vesk::duvo::Duvo::Properties& properties,
+                                                      const std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo>& duvo) {
+    return std::unique_ptr<Delegator<Pair, PairBinding>>(
+        generated::opcua::m2Types::entry::createDelegated<Delegator<Pair, PairBinding>, Entity<Pair, PairBinding>>(
+            uri, {}, properties, duvo));
+}
+inline auto pairSubscriber(const std::string& uri, const vesk::duvo::Duvo::Properties& properties,
+                           const std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo>& duvo) {
+    using namespace vesk::duvo::opcua::detail::ps;
+    return makePair<OpcUaSubscriberDelegator, OpcUaSubscriber>(uri, properties, duvo);
+}
 
 } // namespace duvo::test

@@ -1,164 +1,83 @@
-// Receiving every type from the simulator by monitored items and by polling, and what a
-// subscriber reports when its server goes away and comes back.
-#include <chrono>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
+// Receiving every type from both servers by monitored items, by polling and as the most
+// recent value, and what a subscriber reports when its server goes away and comes back.
+#include "support/servers.hpp"
 
-#include <gtest/gtest.h>
-
-#include <duvo/opcua/detail/ps/mrvSubscriber.hpp>
-#include <duvo/opcua/detail/ps/publisher.hpp>
-#include <duvo/opcua/detail/ps/subscriber.hpp>
-#include <generated/opcua/m2Types/m2Types.hpp>
-
-#include "entities/logRecorder.hpp"
-#include "support/sampleValues.hpp"
-#include "support/makeEntity.hpp"
-#include "support/simulatorFixture.hpp"
-
+namespace duvo::test {
 namespace {
 
-using duvo::test::make;
-using namespace std::chrono_literals;
-using vesk::duvo::opcua::detail::binding::BindingOf_t;
-using vesk::duvo::opcua::detail::ps::EntityState;
-using vesk::duvo::opcua::detail::ps::OpcUaMrvSubscriber;
-using vesk::duvo::opcua::detail::ps::OpcUaSubscriber;
-using vesk::duvo::ps::DataEvent;
-using vesk::duvo::ps::DataEventFilter;
-using vesk::duvo::ps::InstanceState;
-using PsQoS = std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>;
-using Properties = vesk::duvo::Duvo::Properties;
+template <class Type>
+class ReceiveEveryType : public OnSimulator {};
+template <class Type>
+class ReceiveFromNodeServer : public OnNodeServer {};
+TYPED_TEST_SUITE(ReceiveEveryType, AllTypes, TypeNames);
+TYPED_TEST_SUITE(ReceiveFromNodeServer, AllTypes, TypeNames);
 
-/// Writes a value of T on the server side, as a device would.
-template <class T>
-void serverWrite(vesk::duvo::sim::Simulator& sim, const typename T::value_type& value) {
-    BindingOf_t<T> sample;
-    sample.setValue0(value);
-    sim.write(T::typeName, sample.getOpcUaDataValues()->value);
-}
+TYPED_TEST_ON_BOTH(ReceiveEveryType, ReceiveFromNodeServer, by_monitored_items_polling_and_most_recent_value) {
+    const std::string uri = f.psUri(TypeParam::typeName);
+    const auto monitoring = f.middleware(monitoredProps);
+    auto monitored = monitoring->template createSubscriber<TypeParam>(uri);
+    auto mostRecent = monitoring->template createMrvSubscriber<TypeParam>(uri);
+    auto polled = f.middleware(polledProps(20))->template createSubscriber<TypeParam>(uri);
 
-/// Reads from the queue until a sample with the value arrives or the time is up.
-template <class T, class Subscriber>
-bool receives(Subscriber& subscriber, const typename T::value_type& value, std::chrono::milliseconds within = 3000ms) {
-    const auto end = std::chrono::steady_clock::now() + within;
-    while (std::chrono::steady_clock::now() < end) {
-        for (const auto& sample : subscriber.read(0))
-            if (sample && sample->getValue0() == value) return true;
-        std::this_thread::sleep_for(5ms);
-    }
-    return false;
-}
-
-template <class T>
-bool mostRecentIs(vesk::duvo::ps::MrvSubscriber<T>& subscriber, const typename T::value_type& value,
-                  std::chrono::milliseconds within = 3000ms) {
-    const auto end = std::chrono::steady_clock::now() + within;
-    while (std::chrono::steady_clock::now() < end) {
-        const auto samples = subscriber.readMostRecent(0ms);
-        if (samples.size() == 1 && samples[0]->getValue0() == value) return true;
-        std::this_thread::sleep_for(5ms);
-    }
-    return false;
-}
-
-template <class T>
-class ReceiveEveryType : public duvo::test::SimulatorSuite {};
-using AllTypes = m2Types::rebind_t<::testing::Types, m2Types::DataTypes>;
-TYPED_TEST_SUITE(ReceiveEveryType, AllTypes, duvo::test::TypeNames);
-
-TYPED_TEST(ReceiveEveryType, by_monitored_items_and_by_polling) {
-    using ST = BindingOf_t<TypeParam>;
-    const std::string uri = this->psUri(TypeParam::typeName);
-    auto monitored = make<OpcUaSubscriber<TypeParam, ST>>(uri, {{"opc.ps.pollingPeriodMs", "0"}}, this->duvo);
-    auto polled = make<OpcUaSubscriber<TypeParam, ST>>(
-        uri, {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "20"}}, this->duvo);
-    auto mostRecent = make<OpcUaMrvSubscriber<TypeParam, ST>>(uri, {{"opc.ps.pollingPeriodMs", "0"}}, this->duvo);
-    EXPECT_TRUE(monitored->hasMonitor() && !monitored->hasPoller());
-    EXPECT_TRUE(polled->hasPoller() && !polled->hasMonitor());
-
-    for (int seed : {31, 32}) {
-        const auto value = duvo::test::makeValue<TypeParam>(seed);
-        serverWrite<TypeParam>(*this->simulator, value);
+    // Written as a device would, by another client.
+    for (int seed : {51, 52}) {
+        const auto value = makeValue<TypeParam>(seed);
+        f.server->template writeValue<TypeParam>(value);
         EXPECT_TRUE(receives<TypeParam>(*monitored, value)) << "monitored, seed " << seed;
         EXPECT_TRUE(receives<TypeParam>(*polled, value)) << "polled, seed " << seed;
         EXPECT_TRUE(mostRecentIs<TypeParam>(*mostRecent, value)) << "most recent, seed " << seed;
     }
+
+    // And through our own publisher: the whole round trip.
+    auto publisher = f.middleware()->template createPublisher<TypeParam>(uri);
+    std::shared_ptr<TypeParam> sample = publisher->createDataEntity();
+    sample->setValue0(makeValue<TypeParam>(53));
+    publisher->publish(*sample, kWait);
+    EXPECT_TRUE(receives<TypeParam>(*monitored, sample->getValue0()));
+    EXPECT_TRUE(receives<TypeParam>(*polled, sample->getValue0()));
+    EXPECT_TRUE(mostRecentIs<TypeParam>(*mostRecent, sample->getValue0()));
     monitored->close();
     polled->close();
     mostRecent->close();
 }
 
-class SubscriberTest : public duvo::test::SimulatorSuite {
+class SubscriberTest : public OnSimulator {
 protected:
-    using T = m2Types::M2Int32Value0;
-    using ST = generated::opcua::m2Types::M2Int32Value0;
     std::string uri() const { return psUri("M2Int32Value0"); }
 };
 
-TEST_F(SubscriberTest, properties_choose_monitoring_or_polling) {
-    auto byDefault = make<OpcUaSubscriber<T, ST>>(uri(), {}, duvo);
-    EXPECT_TRUE(byDefault->hasMonitor());
-    EXPECT_FALSE(byDefault->hasPoller());
-
-    auto idle = make<OpcUaSubscriber<T, ST>>(
-        uri(), {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "0"}}, duvo);
-    EXPECT_FALSE(idle->hasMonitor());
-    ASSERT_TRUE(idle->hasPoller());
-    EXPECT_EQ(idle->getPoller()->getPeriodMs(), 1000);
-    std::this_thread::sleep_for(100ms);
-    EXPECT_TRUE(idle->read(0).empty()); // a period of 0 never polls by itself
-
-    try {
-        make<OpcUaSubscriber<T, ST>>(uri(), {{"opc.ps.pollingPeriodMs", "abc"}}, duvo);
-        FAIL();
-    } catch (const std::runtime_error& e) {
-        EXPECT_EQ(std::string(e.what()).rfind("invalid value for DUVO property \"opc.ps.pollingPeriodMs\"", 0), 0u)
-            << e.what();
-    }
-}
-
-TEST_F(SubscriberTest, poller_delivers_unchanged_data_once) {
-    auto polled = make<OpcUaSubscriber<T, ST>>(
-        uri(), {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "10"}}, duvo);
-    serverWrite<T>(*simulator, 4711);
+TEST_F(SubscriberTest, polls_deliver_unchanged_data_once_and_a_period_of_0_never_polls) {
+    auto polled = middleware(polledProps(10))->createSubscriber<T>(uri());
+    auto idle = middleware(polledProps(0))->createSubscriber<T>(uri());
+    server->writeValue<T>(4711);
     ASSERT_TRUE(receives<T>(*polled, 4711));
     std::this_thread::sleep_for(200ms); // some twenty polls of the same data
     EXPECT_TRUE(polled->read(0).empty());
-    serverWrite<T>(*simulator, 4712);
+    EXPECT_TRUE(idle->read(0).empty());
+    server->writeValue<T>(4712);
     EXPECT_TRUE(receives<T>(*polled, 4712));
+    EXPECT_EQ(failure<std::runtime_error>([&] { middleware({{"opc.ps.pollingPeriodMs", "abc"}})->createSubscriber<T>(uri()); })
+                  .rfind("invalid value for DUVO property \"opc.ps.pollingPeriodMs\"", 0),
+              0u);
 }
 
 TEST_F(SubscriberTest, close_twice_fails_and_reads_after_close_fail) {
-    auto subscriber = make<OpcUaSubscriber<T, ST>>(uri(), {}, duvo);
+    auto subscriber = duvo->createSubscriber<T>(uri());
     subscriber->close();
-    try {
-        subscriber->close();
-        FAIL();
-    } catch (const vesk::duvo::IllegalStateException& e) {
-        EXPECT_EQ(std::string(e.what()), "Entity closed. Uri:" + uri());
-    }
-    try {
-        subscriber->read(0);
-        FAIL();
-    } catch (const vesk::duvo::IllegalStateException& e) {
-        EXPECT_STREQ(e.what(), "Subscriber already closed");
-    }
-    auto mrv = make<OpcUaMrvSubscriber<T, ST>>(uri(), {}, duvo);
+    EXPECT_EQ(failure<vesk::duvo::IllegalStateException>([&] { subscriber->close(); }), "Entity closed. Uri:" + uri());
+    EXPECT_EQ(failure<vesk::duvo::IllegalStateException>([&] { subscriber->read(0); }), "Subscriber already closed");
+    auto mrv = duvo->createMrvSubscriber<T>(uri());
     mrv->close();
-    duvo::test::LogRecorder log("orsa.duvo.opcua.subscriber");
+    LogRecorder log(subscriberLog);
     EXPECT_THROW(mrv->readMostRecent(0ms), vesk::duvo::IllegalStateException);
     EXPECT_EQ(log.containing("ZpbMrvSubscriber already closed").size(), 1u); // logged once, as thrown
 }
 
 TEST_F(SubscriberTest, server_restart_gives_one_not_alive_sample_then_data_again) {
-    auto monitored = make<OpcUaSubscriber<T, ST>>(uri(), {{"opc.ps.pollingPeriodMs", "0"}}, duvo);
-    auto polled = make<OpcUaSubscriber<T, ST>>(
-        uri(), {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "50"}}, duvo);
-    auto mostRecent = make<OpcUaMrvSubscriber<T, ST>>(uri(), {{"opc.ps.pollingPeriodMs", "0"}}, duvo);
-    serverWrite<T>(*simulator, 1);
+    auto monitored = middleware(monitoredProps)->createSubscriber<T>(uri());
+    auto polled = middleware(polledProps(50))->createSubscriber<T>(uri());
+    auto mostRecent = middleware(monitoredProps)->createMrvSubscriber<T>(uri());
+    server->writeValue<T>(1);
     ASSERT_TRUE(receives<T>(*monitored, 1));
     ASSERT_TRUE(receives<T>(*polled, 1));
     ASSERT_TRUE(mostRecentIs<T>(*mostRecent, 1));
@@ -177,10 +96,11 @@ TEST_F(SubscriberTest, server_restart_gives_one_not_alive_sample_then_data_again
     EXPECT_EQ(mostRecent->readMostRecent(0ms).size(), 1u); // the last value stays current
 
     simulator->start();
-    serverWrite<T>(*simulator, 2);
-    EXPECT_TRUE(receives<T>(*monitored, 2, 10000ms));
-    EXPECT_TRUE(receives<T>(*polled, 2, 10000ms));
-    EXPECT_TRUE(mostRecentIs<T>(*mostRecent, 2, 10000ms));
+    server->writeValue<T>(2);
+    EXPECT_TRUE(receives<T>(*monitored, 2));
+    EXPECT_TRUE(receives<T>(*polled, 2));
+    EXPECT_TRUE(mostRecentIs<T>(*mostRecent, 2));
 }
 
 } // namespace
+} // namespace duvo::test

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -13,7 +14,6 @@
 
 #include <fcntl.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,16 +34,6 @@ std::string readFile(const std::string& path) {
     return text.str();
 }
 
-void makeDirs(const std::string& path) {
-    std::string partial;
-    std::stringstream parts(path);
-    for (std::string part; std::getline(parts, part, '/');) {
-        partial += part + "/";
-        if (::mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST)
-            throw std::runtime_error("cannot create " + partial + ": " + std::strerror(errno));
-    }
-}
-
 } // namespace
 
 std::string NodeServer::findNode() {
@@ -61,7 +51,7 @@ std::string NodeServer::findNode() {
 }
 
 NodeServer::NodeServer(const Paths& paths, std::chrono::seconds startTimeout) : paths_(paths) {
-    makeDirs(paths_.workDir);
+    std::filesystem::create_directories(paths_.workDir);
     log_ = paths_.workDir + "/server.log";
     const std::string pki = paths_.pki.empty() ? paths_.workDir + "/pki" : paths_.pki;
     std::vector<std::string> args{paths_.node, paths_.script, "--catalogue", paths_.catalogue,

@@ -46,34 +46,6 @@ const UA_DataType* uaTypeOf() {
     }
 }
 
-/// A field value as the OPC UA value that carries it (deep copy).
-template <class T>
-OwnedVariant variantOf(const typename T::value_type& value) {
-    using Field = typename T::field_type;
-    using E = typename Field::element_type;
-    UA_Variant v;
-    UA_Variant_init(&v);
-    if constexpr (std::is_same_v<E, std::string>) {
-        if constexpr (Field::isVector) {
-            std::vector<UA_String> strings;
-            for (const auto& s : value) strings.push_back({s.size(), (UA_Byte*)s.data()});
-            UA_Variant_setArray(&v, strings.data(), strings.size(), uaTypeOf<E>());
-            return OwnedVariant(v);
-        } else {
-            UA_String s{value.size(), (UA_Byte*)value.data()};
-            UA_Variant_setScalar(&v, &s, uaTypeOf<E>());
-            return OwnedVariant(v);
-        }
-    } else if constexpr (Field::isVector) {
-        UA_Variant_setArray(&v, const_cast<E*>(value.data()), value.size(), uaTypeOf<E>());
-        return OwnedVariant(v);
-    } else {
-        E copy = value;
-        UA_Variant_setScalar(&v, &copy, uaTypeOf<E>());
-        return OwnedVariant(v);
-    }
-}
-
 /// The field value that an OPC UA value carries; throws when its type is not the field's.
 template <class T>
 typename T::value_type valueOf(const UA_Variant& v) {
@@ -201,20 +173,6 @@ public:
             UA_NodeId_copy(&response.results[0].targets[0].targetId.nodeId, &out);
         UA_TranslateBrowsePathsToNodeIdsResponse_clear(&response);
         return out;
-    }
-
-    /// One method call; the status of its result (or of the service).
-    UA_StatusCode call(const std::string& object, const std::string& method, const std::vector<OwnedVariant>& inputs,
-                       OwnedVariant* output = nullptr) {
-        std::vector<UA_Variant> in;
-        for (const auto& v : inputs) in.push_back(*v);
-        std::size_t outSize = 0;
-        UA_Variant* out = nullptr;
-        const UA_StatusCode status = UA_Client_call(client_, stringNode(object), stringNode(method), in.size(),
-                                                    in.data(), &outSize, &out);
-        if (output && outSize > 0) *output = OwnedVariant(out[0]);
-        UA_Array_delete(out, outSize, &UA_TYPES[UA_TYPES_VARIANT]);
-        return status;
     }
 
     static std::string text(const UA_NodeId& node) {

@@ -1,37 +1,24 @@
 // The two servers side by side: the same m2Types address space, and the error paths on which
 // they differ, each asserted as it is. docs/decisions.md ("The independent server") lists them.
-#include <chrono>
 #include <cstdio>
-#include <memory>
 #include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include <m2Types/catalogue.hpp>
-#include <vesk/duvo/rr/qos.hpp>
 #include <vesk/duvo/sim/simulator.hpp>
 
-#include "interopFixture.hpp"
+#include "support/servers.hpp"
 
+namespace duvo::test {
 namespace {
 
-using namespace std::chrono_literals;
-using duvo::interop::OwnedVariant;
-using duvo::interop::RawClient;
-using duvo::interop::stringNode;
-using RrQoS = std::vector<std::shared_ptr<vesk::duvo::rr::qos::QoS>>;
-
-std::string status(UA_StatusCode code) { return UA_StatusCode_name(code); }
+using interop::RawClient;
+using interop::stringNode;
 
 /// One attribute as text: its value, or its status when it has none.
 std::string attribute(RawClient& client, const UA_NodeId& node, UA_AttributeId id) {
     UA_DataValue dv = client.readAttribute(node, id);
     std::string out;
     if (dv.hasStatus && dv.status != UA_STATUSCODE_GOOD) {
-        out = status(dv.status);
+        out = UA_StatusCode_name(dv.status);
     } else if (!dv.hasValue || UA_Variant_isEmpty(&dv.value)) {
         out = "empty";
     } else {
@@ -118,7 +105,7 @@ std::string describeInterface(RawClient& client, const std::string& iface, const
 }
 
 /// The in-process simulator beside the program's node server.
-class BothServers : public duvo::interop::NodeServerSuite {
+class BothServers : public duvo::test::OnNodeServer {
 protected:
     static void SetUpTestSuite() {
         vesk::duvo::sim::Options options;
@@ -131,7 +118,7 @@ protected:
         simulator = nullptr;
     }
     void SetUp() override {
-        NodeServerSuite::SetUp();
+        OnNodeServer::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
         simRaw = std::make_unique<RawClient>(simulator->endpoint());
     }
@@ -139,7 +126,7 @@ protected:
     /// Publishes one sample of T to a node of each server; "ok" or the error.
     template <class T>
     std::pair<std::string, std::string> publishTo(const std::string& node, const typename T::value_type& value) {
-        return {publishOnce<T>(duvo::interop::psUri(simulator->endpoint(), node), value),
+        return {publishOnce<T>("opcua-ps://" + simulator->endpoint().substr(10) + "#ns=1;s=" + node, value),
                 publishOnce<T>(psUri(node), value)};
     }
     template <class T>
@@ -148,7 +135,7 @@ protected:
             auto publisher = middleware()->createPublisher<T>(uri);
             std::shared_ptr<T> sample = publisher->createDataEntity();
             sample->setValue0(value);
-            publisher->publish(*sample, duvo::interop::kWait);
+            publisher->publish(*sample, kWait);
             return "ok";
         } catch (const std::exception& e) {
             // Keep the status of "...: failed to write to node N: STATUS Uri:..."; anything else whole.
@@ -168,13 +155,13 @@ protected:
                                     object + ",ns=1;s=" + method;
             try {
                 auto stub = middleware()->createClient<Sync>(
-                    uri, RrQoS{std::make_shared<vesk::duvo::rr::qos::ReplyTime>(duvo::interop::kWait)});
+                    uri, RrQoS{std::make_shared<vesk::duvo::rr::qos::ReplyTime>(kWait)});
                 return invoke(*stub) ? "true" : "false";
             } catch (const std::exception& e) {
                 return e.what();
             }
         };
-        return {once(simulator->endpoint()), once(server->endpoint())};
+        return {once(simulator->endpoint()), once(node->endpoint())};
     }
 
     static vesk::duvo::sim::Simulator* simulator;
@@ -187,8 +174,8 @@ class AddressSpace : public BothServers {};
 
 TEST_F(AddressSpace, every_variable_matches_the_simulator) {
 #define COMPARE_VARIABLE(Name, ...)                                                              \
-    EXPECT_EQ(describeVariable(*raw, #Name), describeVariable(*simRaw, #Name)) << #Name;        \
-    EXPECT_EQ(attribute(*raw, stringNode(#Name), UA_ATTRIBUTEID_VALUE),                            \
+    EXPECT_EQ(describeVariable(raw->raw, #Name), describeVariable(*simRaw, #Name)) << #Name;        \
+    EXPECT_EQ(attribute(raw->raw, stringNode(#Name), UA_ATTRIBUTEID_VALUE),                            \
               attribute(*simRaw, stringNode(#Name), UA_ATTRIBUTEID_VALUE))                         \
         << #Name << " starts with another value";
     M2TYPES_DATA_CATALOGUE(COMPARE_VARIABLE)
@@ -197,7 +184,7 @@ TEST_F(AddressSpace, every_variable_matches_the_simulator) {
 
 TEST_F(AddressSpace, every_method_matches_the_simulator) {
 #define COMPARE_INTERFACE(Iface, Method, ...)                                                                      \
-    EXPECT_EQ(describeInterface(*raw, #Iface, "RPC_" #Method), describeInterface(*simRaw, #Iface, "RPC_" #Method)) \
+    EXPECT_EQ(describeInterface(raw->raw, #Iface, "RPC_" #Method), describeInterface(*simRaw, #Iface, "RPC_" #Method)) \
         << #Iface;
     M2TYPES_INTERFACE_CATALOGUE(COMPARE_INTERFACE)
 #undef COMPARE_INTERFACE
@@ -218,7 +205,7 @@ TEST_F(AddressSpace, describes_what_it_compares) {
 }
 
 TEST_F(AddressSpace, m2ctl_check_finds_both_servers_conforming) {
-    for (const std::string& endpoint : {simulator->endpoint(), server->endpoint()}) {
+    for (const std::string& endpoint : {simulator->endpoint(), node->endpoint()}) {
         const std::string command = std::string(M2CTL_PROGRAM) + " check --timeout 10000 --endpoint " + endpoint + " 2>&1";
         FILE* pipe = ::popen(command.c_str(), "r");
         ASSERT_NE(pipe, nullptr);
@@ -235,11 +222,9 @@ class Differences : public BothServers {
 protected:
     void TearDown() override {
         // Put back what a test left in a wrong shape, for the tests that follow.
-        if (!raw || !server) return;
-        m2Types::M2Int32Value0::value_type zero = 0;
-        raw->write("M2Int32Value0", *duvo::interop::variantOf<m2Types::M2Int32Value0>(zero));
-        raw->write("M2Int32Vector6",
-                   *duvo::interop::variantOf<m2Types::M2Int32Vector6>(vesk::duvo::freeze(vesk::duvo::shared_vector<int>(6))));
+        if (!raw) return;
+        raw->writeValue<m2Types::M2Int32Value0>(0);
+        raw->writeValue<m2Types::M2Int32Vector6>(vesk::duvo::freeze(vesk::duvo::shared_vector<int>(6)));
     }
 };
 
@@ -250,13 +235,13 @@ TEST_F(Differences, an_array_written_to_a_scalar_variable) {
     EXPECT_EQ(node, "ok"); // node-opcua checks the element type, not the value rank
 
     // A subscriber of the scalar then receives the array's first element.
-    const OwnedVariant held = raw->read("M2Int32Value0");
+    const OwnedVariant held = raw->raw.read("M2Int32Value0");
     EXPECT_FALSE(held.isScalar());
     EXPECT_EQ(held.arrayLength(), 3u);
     auto subscriber = middleware({{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "20"}})
                           ->createSubscriber<m2Types::M2Int32Value0>(psUri("M2Int32Value0"));
     std::vector<std::shared_ptr<m2Types::M2Int32Value0>> got;
-    for (auto end = std::chrono::steady_clock::now() + duvo::interop::kWait; got.empty() && std::chrono::steady_clock::now() < end;) {
+    for (auto end = std::chrono::steady_clock::now() + kWait; got.empty() && std::chrono::steady_clock::now() < end;) {
         got = subscriber->read(0);
         std::this_thread::sleep_for(10ms);
     }
@@ -268,14 +253,14 @@ TEST_F(Differences, a_scalar_written_to_an_array_variable) {
     const auto [sim, node] = publishTo<m2Types::M2Int32Value0>("M2Int32Vector6", 5);
     EXPECT_EQ(sim, "BadTypeMismatch");
     EXPECT_EQ(node, "ok");
-    const OwnedVariant held = raw->read("M2Int32Vector6");
+    const OwnedVariant held = raw->raw.read("M2Int32Vector6");
     EXPECT_TRUE(held.isScalar());
 
     // A subscriber of the vector takes the scalar as an array of none.
     auto subscriber = middleware({{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "20"}})
                           ->createSubscriber<m2Types::M2Int32Vector6>(psUri("M2Int32Vector6"));
     std::vector<std::shared_ptr<m2Types::M2Int32Vector6>> got;
-    for (auto end = std::chrono::steady_clock::now() + duvo::interop::kWait; got.empty() && std::chrono::steady_clock::now() < end;) {
+    for (auto end = std::chrono::steady_clock::now() + kWait; got.empty() && std::chrono::steady_clock::now() < end;) {
         got = subscriber->read(0);
         std::this_thread::sleep_for(10ms);
     }
@@ -323,7 +308,7 @@ TEST_F(Differences, calls_with_arguments_the_method_does_not_take) {
 
 TEST_F(Differences, a_method_called_on_an_object_it_does_not_belong_to) {
     // open62541 checks that the object has the method; node-opcua runs the method anyway.
-    const auto calls = [&] { return raw->read("PsRpcSetpower.RPC_SetPower.CallCount").at<UA_UInt32>(); };
+    const auto calls = [&] { return raw->raw.read("PsRpcSetpower.RPC_SetPower.CallCount").at<UA_UInt32>(); };
     const UA_UInt32 before = calls();
     const auto result = callAt<m2Types::PsRpcSetpowerSync>("WhRpcSetpower", "PsRpcSetpower.RPC_SetPower",
                                                            [](auto& s) { return s.RPC_SetPower(true); });
@@ -333,15 +318,15 @@ TEST_F(Differences, a_method_called_on_an_object_it_does_not_belong_to) {
 }
 
 TEST(NodeServerProcess, announces_its_endpoint_and_stops_on_sigterm) {
-    duvo::interop::Availability availability;
-    if (!duvo::interop::sharedServer(availability)) {
+    interop::Availability availability;
+    if (!interop::sharedServer(availability)) {
         if (availability.skip) GTEST_SKIP() << "interop tests skipped, " << availability.reason;
         FAIL() << availability.reason;
     }
-    duvo::interop::NodeServer::Paths paths{duvo::interop::NodeServer::findNode(), INTEROP_SERVER_SCRIPT,
-                                           INTEROP_CATALOGUE, duvo::interop::workDir() + "/second",
-                                           duvo::interop::workDir() + "/pki"};
-    duvo::interop::NodeServer second(paths, std::chrono::seconds(120));
+    interop::NodeServer::Paths paths{interop::NodeServer::findNode(), INTEROP_SERVER_SCRIPT,
+                                           INTEROP_CATALOGUE, interop::workDir() + "/second",
+                                           interop::workDir() + "/pki"};
+    interop::NodeServer second(paths, std::chrono::seconds(120));
     EXPECT_EQ(second.endpoint().rfind("opc.tcp://127.0.0.1:", 0), 0u) << second.endpoint();
     {
         RawClient client(second.endpoint());
@@ -353,3 +338,4 @@ TEST(NodeServerProcess, announces_its_endpoint_and_stops_on_sigterm) {
 }
 
 } // namespace
+} // namespace duvo::test
