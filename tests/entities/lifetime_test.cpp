@@ -103,7 +103,7 @@ private:
 class Lifetime : public duvo::test::SimulatorSuite {
 protected:
     static std::string pairUri(const std::string& endpoint = simulator->endpoint()) {
-        return psUri("M2Int32Value0", endpoint) + ",ns=1;s=M2FloatValue0";
+        return psUri("M2Int32Value0", endpoint) + "," + vesk::duvo::sim::fieldNodeId("M2FloatValue0");
     }
 
     static bool receivesAny(vesk::duvo::ps::Subscriber<T>& subscriber, std::chrono::milliseconds within = 10000ms) {

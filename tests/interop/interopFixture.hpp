@@ -11,6 +11,7 @@
 
 #include <m2Types/m2Types.hpp>
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
+#include <vesk/duvo/sim/nodeLayout.hpp>
 
 #include "nodeServer.hpp"
 #include "support/securePki.hpp"
@@ -27,13 +28,12 @@ constexpr std::chrono::milliseconds kWait = 10000ms;
 
 /// "opcua-ps://HOST:PORT#ns=1;s=<variable>" of an endpoint.
 inline std::string psUri(const std::string& endpoint, const std::string& variable) {
-    return "opcua-ps://" + endpoint.substr(std::string("opc.tcp://").size()) + "#ns=1;s=" + variable;
+    return vesk::duvo::sim::pubSubUri(endpoint, variable);
 }
 
 /// "opcua-rr://HOST:PORT#ns=1;s=<iface>,ns=1;s=<iface>.<method>" of an endpoint.
 inline std::string rrUri(const std::string& endpoint, const std::string& iface, const std::string& method) {
-    return "opcua-rr://" + endpoint.substr(std::string("opc.tcp://").size()) + "#ns=1;s=" + iface + ",ns=1;s=" + iface +
-           "." + method;
+    return vesk::duvo::sim::rpcUri(endpoint, iface, method);
 }
 
 /// Skips when node is absent and the interop run is not required; fails when the server
