@@ -297,9 +297,11 @@ int benchMain(const Options& options) {
 
     // ---- the raw side: the same data, held as a user of open62541 would hold it
     RawClient raw(endpoint);
-    const UA_NodeId floatNode = node(fieldNodeName("M2FloatValue0")), matrixNode = node(fieldNodeName("M2DoubleMatrix36")),
+    const UA_NodeId floatNode = node(fieldNodeName("M2FloatValue0")),
+                    matrixNode = node(fieldNodeName("M2DoubleMatrix36")),
                     shortsNode = node(fieldNodeName("M2Uint16Vector62")),
-                    stringsNode = node(fieldNodeName("M2StringVector15")), int32Node = node(fieldNodeName("M2Int32Value0"));
+                    stringsNode = node(fieldNodeName("M2StringVector15")),
+                    int32Node = node(fieldNodeName("M2Int32Value0"));
     std::vector<UA_String> stringScratch(strings.size());
     auto stringsVariant = [&] {
         for (std::size_t i = 0; i < strings.size(); ++i)

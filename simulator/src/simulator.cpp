@@ -32,7 +32,6 @@ namespace vesk::duvo::sim {
 
 namespace {
 
-constexpr UA_UInt16 kNamespace = nodeNamespace;
 // UA_Server_run_iterate may sleep up to half a second and nothing wakes it from another
 // thread, so the loop runs the event loop itself with this bound, which bounds stop().
 constexpr UA_UInt32 kMaxWaitMs = 20;
@@ -49,7 +48,7 @@ struct ServerSideWrite {
 
 /// A node id that borrows the characters of name.
 UA_NodeId nodeId(const std::string& name) {
-    return UA_NODEID_STRING(kNamespace, const_cast<char*>(name.c_str()));
+    return UA_NODEID_STRING(nodeNamespace, const_cast<char*>(name.c_str()));
 }
 
 UA_LocalizedText text(const std::string& s) {
@@ -57,7 +56,7 @@ UA_LocalizedText text(const std::string& s) {
 }
 
 UA_QualifiedName browseName(const std::string& s) {
-    return UA_QUALIFIEDNAME(kNamespace, const_cast<char*>(s.c_str()));
+    return UA_QUALIFIEDNAME(nodeNamespace, const_cast<char*>(s.c_str()));
 }
 
 std::string statusName(UA_StatusCode status) { return UA_StatusCode_name(status); }
@@ -163,7 +162,8 @@ struct Simulator::Impl {
     };
 
     explicit Impl(Options o) : options(std::move(o)), port(options.port) {
-        for (const auto& def : detail::variableNodes()) variables.push_back({this, &def, def.name, fieldNodeName(def.name)});
+        for (const auto& def : detail::variableNodes())
+            variables.push_back({this, &def, def.name, fieldNodeName(def.name)});
         for (const auto& def : detail::methodNodes())
             interfaces.push_back({this, &def, def.iface, methodNodeName(def.iface, def.method), {}, {}});
     }
@@ -324,7 +324,8 @@ void Simulator::Impl::addMethods(UA_Server* s) {
     for (auto& state : interfaces) {
         UA_ObjectAttributes objectAttr = UA_ObjectAttributes_default;
         objectAttr.displayName = text(state.name);
-        check(UA_Server_addObjectNode(s, nodeId(objectNodeName(state.name)), objects, UA_NODEID_NUMERIC(0, UA_NS0ID_ORGANIZES),
+        const std::string objectNode = objectNodeName(state.name);
+        check(UA_Server_addObjectNode(s, nodeId(objectNode), objects, UA_NODEID_NUMERIC(0, UA_NS0ID_ORGANIZES),
                                       browseName(state.name), UA_NODEID_NUMERIC(0, UA_NS0ID_BASEOBJECTTYPE),
                                       objectAttr, nullptr, nullptr),
               "cannot add object " + state.name);
@@ -355,7 +356,7 @@ void Simulator::Impl::addMethods(UA_Server* s) {
         UA_MethodAttributes methodAttr = UA_MethodAttributes_default;
         methodAttr.displayName = text(state.def->method);
         methodAttr.executable = methodAttr.userExecutable = true;
-        check(UA_Server_addMethodNode(s, nodeId(state.methodNode), nodeId(objectNodeName(state.name)),
+        check(UA_Server_addMethodNode(s, nodeId(state.methodNode), nodeId(objectNode),
                                       UA_NODEID_NUMERIC(0, UA_NS0ID_HASCOMPONENT), browseName(state.def->method),
                                       methodAttr, &Impl::onCall, inputs.size(), inputs.data(), 1, &output, &state,
                                       nullptr),
