@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -39,6 +40,7 @@
 #include <m2Types/m2Types.hpp>
 #include <vesk/duvo/duvo.hpp>
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
+#include <vesk/duvo/sim/nodeLayout.hpp>
 
 #include "rawClient.hpp"
 #include "scale.hpp"
@@ -235,11 +237,16 @@ int benchMain(const Options& options) {
                 endpoint.c_str(), options.rounds, options.roundMs, inFlight, options.load, options.load == 1 ? "" : "es");
     std::fflush(stdout);
 
-    auto psUri = [&](const std::string& variable) { return "opcua-ps://" + authority + "#ns=1;s=" + variable; };
+    auto psUri = [&](const std::string& variable) { return vesk::duvo::sim::pubSubUri(authority, variable); };
     auto rrUri = [&](const std::string& iface, const std::string& method) {
-        return "opcua-rr://" + authority + "#ns=1;s=" + iface + ",ns=1;s=" + iface + "." + method;
+        return vesk::duvo::sim::rpcUri(authority, iface, method);
     };
-    auto node = [](const char* id) { return UA_NODEID_STRING(1, const_cast<char*>(id)); };
+    std::deque<std::string> nodeNames; // the raw side's node ids borrow these
+    auto node = [&](std::string name) {
+        nodeNames.push_back(std::move(name));
+        return UA_NODEID_STRING(vesk::duvo::sim::nodeNamespace, const_cast<char*>(nodeNames.back().c_str()));
+    };
+    using vesk::duvo::sim::fieldNodeName, vesk::duvo::sim::methodNodeName, vesk::duvo::sim::objectNodeName;
 
     // ---- our side, through the loaded plug-in as an application uses it
     auto duvo = std::make_shared<OpcUaDuvo>(vesk::duvo::Duvo::Properties{{"opc.ps.pollingPeriodMs", "0"}});
@@ -294,9 +301,11 @@ int benchMain(const Options& options) {
 
     // ---- the raw side: the same data, held as a user of open62541 would hold it
     RawClient raw(endpoint);
-    const UA_NodeId floatNode = node("M2FloatValue0"), matrixNode = node("M2DoubleMatrix36"),
-                    shortsNode = node("M2Uint16Vector62"), stringsNode = node("M2StringVector15"),
-                    int32Node = node("M2Int32Value0");
+    const UA_NodeId floatNode = node(fieldNodeName("M2FloatValue0")),
+                    matrixNode = node(fieldNodeName("M2DoubleMatrix36")),
+                    shortsNode = node(fieldNodeName("M2Uint16Vector62")),
+                    stringsNode = node(fieldNodeName("M2StringVector15")),
+                    int32Node = node(fieldNodeName("M2Int32Value0"));
     std::vector<UA_String> stringScratch(strings.size());
     auto stringsVariant = [&] {
         for (std::size_t i = 0; i < strings.size(); ++i)
@@ -317,9 +326,10 @@ int benchMain(const Options& options) {
         legArg = borrowedArray(legValues.data(), legValues.size(), &UA_TYPES[UA_TYPES_DOUBLE]);
         return &legArg;
     };
-    const UA_NodeId adsObject = node("WhRpcForceSetpointAds"), adsMethod = node("WhRpcForceSetpointAds.RPC_ForceSetpointAds");
-    const UA_NodeId legObject = node("PsRpcLegPositionSetpoint"),
-                    legMethod = node("PsRpcLegPositionSetpoint.RPC_LegPositionSetpoint");
+    const UA_NodeId adsObject = node(objectNodeName("WhRpcForceSetpointAds")),
+                    adsMethod = node(methodNodeName("WhRpcForceSetpointAds", "RPC_ForceSetpointAds"));
+    const UA_NodeId legObject = node(objectNodeName("PsRpcLegPositionSetpoint")),
+                    legMethod = node(methodNodeName("PsRpcLegPositionSetpoint", "RPC_LegPositionSetpoint"));
 
     // Raw monitored item on the subscriber's variable: the callback keeps the last value.
     UA_Int32 rawLast = 0;

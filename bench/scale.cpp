@@ -15,6 +15,7 @@
 #include <m2Types/m2Types.hpp>
 #include <vesk/duvo/duvo.hpp>
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
+#include <vesk/duvo/sim/nodeLayout.hpp>
 
 #include "rawClient.hpp"
 
@@ -26,6 +27,7 @@ using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 constexpr auto patience = 300s;
 const char* const variable = "M2Int32Value0";
+const std::string variableNode = vesk::duvo::sim::fieldNodeName(variable); // the raw node ids borrow it
 
 double residentBytes() {
     long pages = 0, resident = 0;
@@ -67,7 +69,7 @@ void waitFor(Done done, const char* what) {
 
 ScaleResult scaleOurs(std::size_t count, const std::string& endpoint) {
     using T = m2Types::M2Int32Value0;
-    const std::string uri = "opcua-ps://" + endpoint.substr(std::strlen("opc.tcp://")) + "#ns=1;s=" + variable;
+    const std::string uri = vesk::duvo::sim::pubSubUri(endpoint, variable);
     auto duvo = std::make_shared<vesk::duvo::opcua::detail::OpcUaDuvo>(
         vesk::duvo::Duvo::Properties{{"opc.ps.pollingPeriodMs", "0"}});
     RawClient writer(endpoint);
@@ -98,7 +100,7 @@ ScaleResult scaleOurs(std::size_t count, const std::string& endpoint) {
 
     arrivals.target = 1000000 + static_cast<std::int32_t>(getpid());
     const UA_Int32 value = arrivals.target.load();
-    const UA_NodeId node = UA_NODEID_STRING(1, const_cast<char*>(variable));
+    const UA_NodeId node = UA_NODEID_STRING(vesk::duvo::sim::nodeNamespace, const_cast<char*>(variableNode.c_str()));
     const auto change = Clock::now();
     writer.write(node, borrowedScalar(&value, &UA_TYPES[UA_TYPES_INT32]), 1);
     waitFor([&] { return arrivals.delivered.load() == count; }, "the change");
@@ -122,7 +124,7 @@ ScaleResult scaleRaw(std::size_t count, const std::string& endpoint) {
     std::vector<Slot> slots(count);
     const double before = residentBytes();
     const auto start = Clock::now();
-    const UA_NodeId node = UA_NODEID_STRING(1, const_cast<char*>(variable));
+    const UA_NodeId node = UA_NODEID_STRING(vesk::duvo::sim::nodeNamespace, const_cast<char*>(variableNode.c_str()));
     constexpr std::size_t batch = 1000;
     for (std::size_t first = 0; first < count; first += batch) {
         const std::size_t n = std::min(batch, count - first);

@@ -1,4 +1,5 @@
-// Publishes a sample, reads it back, and calls a method of a device (or of m2-sim).
+// Publishes a sample, reads it back, and calls a method of a device laid out like m2-sim
+// (or of m2-sim itself).
 //   m2-example [HOST:PORT]        default 127.0.0.1:4840
 #include <chrono>
 #include <iostream>
@@ -11,6 +12,7 @@
 #include <m2Types/m2Types.hpp>
 #include <vesk/duvo/duvo.hpp>
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
+#include <vesk/duvo/sim/nodeLayout.hpp>
 
 int main(int argc, char** argv) try {
     using namespace std::chrono_literals;
@@ -19,7 +21,7 @@ int main(int argc, char** argv) try {
     const std::string device = argc > 1 ? argv[1] : "127.0.0.1:4840";
     auto duvo = std::make_shared<vesk::duvo::opcua::detail::OpcUaDuvo>();
 
-    const std::string node = "opcua-ps://" + device + "#ns=1;s=M2FloatVector6";
+    const std::string node = vesk::duvo::sim::pubSubUri(device, "M2FloatVector6");
     auto reader = duvo->createMrvSubscriber<m2Types::M2FloatVector6>(node);
     auto publisher = duvo->createPublisher<m2Types::M2FloatVector6>(node);
     std::shared_ptr<m2Types::M2FloatVector6> sample = publisher->createDataEntity();
@@ -33,7 +35,7 @@ int main(int argc, char** argv) try {
                   << latest->getValue0()[0] << "\n";
 
     auto power = duvo->createClient<m2Types::PsRpcSetpowerSync>(
-        "opcua-rr://" + device + "#ns=1;s=PsRpcSetpower,ns=1;s=PsRpcSetpower.RPC_SetPower",
+        vesk::duvo::sim::rpcUri(device, "PsRpcSetpower", "RPC_SetPower"),
         {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(2000ms)});
     std::cout << "RPC_SetPower(true) returned " << std::boolalpha << power->RPC_SetPower(true) << "\n";
     return 0;

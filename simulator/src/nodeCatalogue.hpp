@@ -1,18 +1,20 @@
 #pragma once
-// The simulator's nodes, derived from the two catalogues of the module.
+// The simulator's nodes, derived from the two catalogues of the module and the simulator's
+// own element-type table (not the plug-in's, so that the two check each other).
 #include <cstddef>
 #include <string>
 #include <vector>
 
 #include <open62541/types.h>
 
-#include <duvo/opcua/detail/binding/uaType.hpp>
 #include <m2Types/catalogue.hpp>
 #include <m2Types/m2Types.hpp>
 #include <vesk/duvo/shared_vector.hpp>
+#include <vesk/duvo/sim/uaTypes.hpp>
 
 namespace vesk::duvo::sim::detail {
 
+/// One structure field: its variable, the OPC UA type and shape it is declared with.
 struct VariableNode {
     const char* name;
     const UA_DataType* type;
@@ -34,11 +36,11 @@ struct MethodNode {
 /// One OPC UA argument per parameter: a scalar, or one array for a shared vector.
 template <class P>
 struct ArgumentOf {
-    static ArgumentNode get() { return {opcua::detail::binding::UaTypeOf<P>::type(), false}; }
+    static ArgumentNode get() { return {uaTypeOf<P>(), false}; }
 };
 template <class E>
 struct ArgumentOf<vesk::duvo::shared_vector<const E>> {
-    static ArgumentNode get() { return {opcua::detail::binding::UaTypeOf<E>::type(), true}; }
+    static ArgumentNode get() { return {uaTypeOf<E>(), true}; }
 };
 
 template <class... P>
@@ -48,7 +50,7 @@ std::vector<ArgumentNode> argumentsOf() {
 
 inline const std::vector<VariableNode>& variableNodes() {
 #define DUVO_SIM_VARIABLE(Name, Shape, Element, Nominal) \
-    {#Name, opcua::detail::binding::UaTypeOf<Element>::type(), m2Types::Shape<Element>::isVector, Nominal},
+    {#Name, uaTypeOf<Element>(), m2Types::Shape<Element>::isVector, Nominal},
     static const std::vector<VariableNode> nodes{M2TYPES_DATA_CATALOGUE(DUVO_SIM_VARIABLE)};
 #undef DUVO_SIM_VARIABLE
     return nodes;

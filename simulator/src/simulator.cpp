@@ -22,6 +22,7 @@
 #include <open62541/server_config_default.h>
 
 #include <vesk/duvo/opcua/pki.hpp>
+#include <vesk/duvo/sim/nodeLayout.hpp>
 
 #include "nodeCatalogue.hpp"
 #include "openAccess.hpp"
@@ -31,7 +32,6 @@ namespace vesk::duvo::sim {
 
 namespace {
 
-constexpr UA_UInt16 kNamespace = 1;
 // UA_Server_run_iterate may sleep up to half a second and nothing wakes it from another
 // thread, so the loop runs the event loop itself with this bound, which bounds stop().
 constexpr UA_UInt32 kMaxWaitMs = 20;
@@ -48,7 +48,7 @@ struct ServerSideWrite {
 
 /// A node id that borrows the characters of name.
 UA_NodeId nodeId(const std::string& name) {
-    return UA_NODEID_STRING(kNamespace, const_cast<char*>(name.c_str()));
+    return UA_NODEID_STRING(nodeNamespace, const_cast<char*>(name.c_str()));
 }
 
 UA_LocalizedText text(const std::string& s) {
@@ -56,7 +56,7 @@ UA_LocalizedText text(const std::string& s) {
 }
 
 UA_QualifiedName browseName(const std::string& s) {
-    return UA_QUALIFIEDNAME(kNamespace, const_cast<char*>(s.c_str()));
+    return UA_QUALIFIEDNAME(nodeNamespace, const_cast<char*>(s.c_str()));
 }
 
 std::string statusName(UA_StatusCode status) { return UA_StatusCode_name(status); }
@@ -147,6 +147,7 @@ struct Simulator::Impl {
         Impl* owner;
         const detail::VariableNode* def;
         std::string name;
+        std::string node; // its node's string identifier
         std::size_t clientWrites = 0;
         bool writable = true;
     };
@@ -161,9 +162,10 @@ struct Simulator::Impl {
     };
 
     explicit Impl(Options o) : options(std::move(o)), port(options.port) {
-        for (const auto& def : detail::variableNodes()) variables.push_back({this, &def, def.name});
+        for (const auto& def : detail::variableNodes())
+            variables.push_back({this, &def, def.name, fieldNodeName(def.name)});
         for (const auto& def : detail::methodNodes())
-            interfaces.push_back({this, &def, def.iface, std::string(def.iface) + "." + def.method, {}, {}});
+            interfaces.push_back({this, &def, def.iface, methodNodeName(def.iface, def.method), {}, {}});
     }
 
     VariableState& variable(const std::string& name) {
@@ -274,13 +276,13 @@ void Simulator::Impl::animate(UA_Server* server, void* data) {
     UA_Variant v;
     ServerSideWrite guard;
     UA_Variant_setArray(&v, floats, 6, &UA_TYPES[UA_TYPES_FLOAT]);
-    UA_Server_writeValue(server, nodeId("M2FloatVector6"), v);
+    UA_Server_writeValue(server, nodeId(fieldNodeName("M2FloatVector6")), v);
     UA_Variant_setArray(&v, doubles, 6, &UA_TYPES[UA_TYPES_DOUBLE]);
-    UA_Server_writeValue(server, nodeId("M2DoubleVector6"), v);
+    UA_Server_writeValue(server, nodeId(fieldNodeName("M2DoubleVector6")), v);
     UA_Variant_setScalar(&v, &counter, &UA_TYPES[UA_TYPES_INT32]);
-    UA_Server_writeValue(server, nodeId("M2Int32Value0"), v);
+    UA_Server_writeValue(server, nodeId(fieldNodeName("M2Int32Value0")), v);
     UA_Variant_setScalar(&v, &toggle, &UA_TYPES[UA_TYPES_BOOLEAN]);
-    UA_Server_writeValue(server, nodeId("M2BooleanValue0"), v);
+    UA_Server_writeValue(server, nodeId(fieldNodeName("M2BooleanValue0")), v);
 }
 
 void Simulator::Impl::addVariables(UA_Server* s) {
@@ -305,13 +307,13 @@ void Simulator::Impl::addVariables(UA_Server* s) {
             attr.accessLevel = attr.userAccessLevel = accessLevel(state.writable);
         }
         attr.value = *initial; // copied by the server
-        check(UA_Server_addVariableNode(s, nodeId(state.name), objects, UA_NODEID_NUMERIC(0, UA_NS0ID_ORGANIZES),
+        check(UA_Server_addVariableNode(s, nodeId(state.node), objects, UA_NODEID_NUMERIC(0, UA_NS0ID_ORGANIZES),
                                         browseName(state.name),
                                         UA_NODEID_NUMERIC(0, UA_NS0ID_BASEDATAVARIABLETYPE), attr, &state,
                                         nullptr),
               "cannot add variable " + state.name);
         UA_ValueCallback callback{nullptr, &Impl::onWrite};
-        check(UA_Server_setVariableNode_valueCallback(s, nodeId(state.name), callback),
+        check(UA_Server_setVariableNode_valueCallback(s, nodeId(state.node), callback),
               "cannot watch variable " + state.name);
     }
 }
@@ -322,7 +324,8 @@ void Simulator::Impl::addMethods(UA_Server* s) {
     for (auto& state : interfaces) {
         UA_ObjectAttributes objectAttr = UA_ObjectAttributes_default;
         objectAttr.displayName = text(state.name);
-        check(UA_Server_addObjectNode(s, nodeId(state.name), objects, UA_NODEID_NUMERIC(0, UA_NS0ID_ORGANIZES),
+        const std::string objectNode = objectNodeName(state.name);
+        check(UA_Server_addObjectNode(s, nodeId(objectNode), objects, UA_NODEID_NUMERIC(0, UA_NS0ID_ORGANIZES),
                                       browseName(state.name), UA_NODEID_NUMERIC(0, UA_NS0ID_BASEOBJECTTYPE),
                                       objectAttr, nullptr, nullptr),
               "cannot add object " + state.name);
@@ -353,7 +356,7 @@ void Simulator::Impl::addMethods(UA_Server* s) {
         UA_MethodAttributes methodAttr = UA_MethodAttributes_default;
         methodAttr.displayName = text(state.def->method);
         methodAttr.executable = methodAttr.userExecutable = true;
-        check(UA_Server_addMethodNode(s, nodeId(state.methodNode), nodeId(state.name),
+        check(UA_Server_addMethodNode(s, nodeId(state.methodNode), nodeId(objectNode),
                                       UA_NODEID_NUMERIC(0, UA_NS0ID_HASCOMPONENT), browseName(state.def->method),
                                       methodAttr, &Impl::onCall, inputs.size(), inputs.data(), 1, &output, &state,
                                       nullptr),
@@ -557,7 +560,7 @@ OwnedVariant Simulator::read(const std::string& variable) const {
     std::lock_guard<std::mutex> lock(impl_->serverMutex);
     UA_Variant value;
     UA_Variant_init(&value);
-    check(UA_Server_readValue(impl_->requireServer(), nodeId(state.name), &value), "cannot read " + variable);
+    check(UA_Server_readValue(impl_->requireServer(), nodeId(state.node), &value), "cannot read " + variable);
     return OwnedVariant::adopt(value);
 }
 
@@ -566,7 +569,7 @@ SourceTime Simulator::sourceTime(const std::string& variable) const {
     std::lock_guard<std::mutex> lock(impl_->serverMutex);
     UA_ReadValueId id;
     UA_ReadValueId_init(&id);
-    id.nodeId = nodeId(state.name);
+    id.nodeId = nodeId(state.node);
     id.attributeId = UA_ATTRIBUTEID_VALUE;
     UA_DataValue value = UA_Server_read(impl_->requireServer(), &id, UA_TIMESTAMPSTORETURN_SOURCE);
     SourceTime out;
@@ -584,7 +587,7 @@ void Simulator::write(const std::string& variable, const UA_Variant& value) {
     // Stamped like a device's own value, so that readers can tell new data from old.
     UA_WriteValue write;
     UA_WriteValue_init(&write);
-    write.nodeId = nodeId(state.name);
+    write.nodeId = nodeId(state.node);
     write.attributeId = UA_ATTRIBUTEID_VALUE;
     write.value.value = value;
     write.value.hasValue = true;
@@ -613,7 +616,7 @@ void Simulator::setWritable(const std::string& variable, bool writable) {
         state.writable = writable;
     }
     if (impl_->server)
-        check(UA_Server_writeAccessLevel(impl_->server, nodeId(state.name), accessLevel(writable)),
+        check(UA_Server_writeAccessLevel(impl_->server, nodeId(state.node), accessLevel(writable)),
               "cannot change the access level of " + variable);
 }
 

@@ -51,7 +51,7 @@ private:
 class Lifetime : public OnSimulator {
 protected:
     static std::string pairUri(const std::string& endpoint = simulator->endpoint()) {
-        return psUri("M2Int32Value0", endpoint) + ",ns=1;s=M2FloatValue0";
+        return psUri("M2Int32Value0", endpoint) + "," + vesk::duvo::sim::fieldNodeId("M2FloatValue0");
     }
     static bool receivesAny(Subscriber& subscriber) {
         return eventually([&] { return !subscriber.read(0).empty(); });

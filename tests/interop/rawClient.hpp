@@ -15,7 +15,9 @@
 #include <open62541/plugin/pki_default.h>
 
 #include <m2Types/m2Types.hpp>
+#include <vesk/duvo/sim/nodeLayout.hpp>
 #include <vesk/duvo/sim/ownedVariant.hpp>
+#include <vesk/duvo/sim/uaTypes.hpp>
 
 #include "support/securePki.hpp"
 
@@ -24,27 +26,11 @@ namespace duvo::interop {
 using vesk::duvo::sim::OwnedVariant;
 
 inline UA_NodeId stringNode(const std::string& id) {
-    return UA_NODEID_STRING(1, const_cast<char*>(id.c_str()));
+    return UA_NODEID_STRING(vesk::duvo::sim::nodeNamespace, const_cast<char*>(id.c_str()));
 }
 
-/// The OPC UA type that carries an element type.
-template <class E>
-const UA_DataType* uaTypeOf() {
-    if constexpr (std::is_same_v<E, bool>) return &UA_TYPES[UA_TYPES_BOOLEAN];
-    else if constexpr (std::is_same_v<E, signed char>) return &UA_TYPES[UA_TYPES_SBYTE];
-    else if constexpr (std::is_same_v<E, unsigned char>) return &UA_TYPES[UA_TYPES_BYTE];
-    else if constexpr (std::is_same_v<E, short>) return &UA_TYPES[UA_TYPES_INT16];
-    else if constexpr (std::is_same_v<E, unsigned short>) return &UA_TYPES[UA_TYPES_UINT16];
-    else if constexpr (std::is_same_v<E, int>) return &UA_TYPES[UA_TYPES_INT32];
-    else if constexpr (std::is_same_v<E, unsigned int>) return &UA_TYPES[UA_TYPES_UINT32];
-    else if constexpr (std::is_same_v<E, unsigned long>) return &UA_TYPES[UA_TYPES_UINT64];
-    else if constexpr (std::is_same_v<E, float>) return &UA_TYPES[UA_TYPES_FLOAT];
-    else if constexpr (std::is_same_v<E, double>) return &UA_TYPES[UA_TYPES_DOUBLE];
-    else {
-        static_assert(std::is_same_v<E, std::string>);
-        return &UA_TYPES[UA_TYPES_STRING];
-    }
-}
+/// The OPC UA type that carries an element type, as the simulator declares it.
+using vesk::duvo::sim::uaTypeOf;
 
 /// The field value that an OPC UA value carries; throws when its type is not the field's.
 template <class T>

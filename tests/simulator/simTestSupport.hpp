@@ -16,11 +16,13 @@
 
 #include <duvo/opcua/detail/binding/uaType.hpp>
 #include <vesk/duvo/shared_vector.hpp>
+#include <vesk/duvo/sim/nodeLayout.hpp>
 #include <vesk/duvo/sim/simulator.hpp>
 
 namespace duvo::simtest {
 
 using vesk::duvo::sim::OwnedVariant;
+// The plug-in's mapping, not the simulator's own: the simulator's nodes are checked against it.
 using vesk::duvo::opcua::detail::binding::UaTypeOf;
 
 inline vesk::duvo::sim::Options quietOptions() {
@@ -38,7 +40,7 @@ inline vesk::duvo::sim::Simulator& sharedSimulator() {
 }
 
 inline UA_NodeId nodeId(const std::string& name) {
-    return UA_NODEID_STRING(1, const_cast<char*>(name.c_str()));
+    return UA_NODEID_STRING(vesk::duvo::sim::nodeNamespace, const_cast<char*>(name.c_str()));
 }
 
 template <class E>

@@ -129,19 +129,14 @@ public:
                 properties.emplace(key, value);
         return std::make_shared<OpcUaDuvo>(std::move(properties));
     }
-    std::string psUri(const std::string& variable) const { return uri("opcua-ps", variable); }
+    std::string psUri(const std::string& variable) const { return vesk::duvo::sim::pubSubUri(node->endpoint(), variable); }
     std::string rrUri(const std::string& iface, const std::string& method) const {
-        return uri("opcua-rr", iface) + ",ns=1;s=" + iface + "." + method;
+        return vesk::duvo::sim::rpcUri(node->endpoint(), iface, method);
     }
 
     interop::NodeServer* node = nullptr;
     std::unique_ptr<NodeOpcuaServer> raw;
     Server* server = nullptr;
-
-private:
-    std::string uri(const std::string& scheme, const std::string& id) const {
-        return scheme + "://" + node->endpoint().substr(std::string("opc.tcp://").size()) + "#ns=1;s=" + id;
-    }
 };
 
 } // namespace duvo::test

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
+#include <vesk/duvo/sim/nodeLayout.hpp>
 #include <vesk/duvo/sim/simulator.hpp>
 
 #include "support/securePki.hpp"
@@ -44,14 +45,13 @@ protected:
 
     /// "opcua-ps://127.0.0.1:PORT#ns=1;s=<variable>"
     static std::string psUri(const std::string& variable, const std::string& endpoint = simulator->endpoint()) {
-        return "opcua-ps://" + endpoint.substr(std::string("opc.tcp://").size()) + "#ns=1;s=" + variable;
+        return vesk::duvo::sim::pubSubUri(endpoint, variable);
     }
 
     /// "opcua-rr://127.0.0.1:PORT#ns=1;s=<iface>,ns=1;s=<iface>.<method>"
     static std::string rrUri(const std::string& iface, const std::string& method,
                              const std::string& endpoint = simulator->endpoint()) {
-        return "opcua-rr://" + endpoint.substr(std::string("opc.tcp://").size()) + "#ns=1;s=" + iface + ",ns=1;s=" +
-               iface + "." + method;
+        return vesk::duvo::sim::rpcUri(endpoint, iface, method);
     }
 
     static vesk::duvo::sim::Simulator* simulator;

@@ -23,6 +23,7 @@
 
 #include <m2Types/m2Types.hpp>
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
+#include <vesk/duvo/sim/nodeLayout.hpp>
 #include <vesk/duvo/sim/simulator.hpp>
 
 namespace {
@@ -142,10 +143,10 @@ int run(const Settings& settings) {
     simOptions.logLevel = UA_LOGLEVEL_FATAL; // every restart makes the stack complain
     vesk::duvo::sim::Simulator simulator(simOptions);
     simulator.start();
-    const std::string authority = simulator.endpoint().substr(std::string("opc.tcp://").size());
-    const auto psUri = [&](const std::string& variable) { return "opcua-ps://" + authority + "#ns=1;s=" + variable; };
+    const std::string endpoint = simulator.endpoint();
+    const auto psUri = [&](const std::string& variable) { return vesk::duvo::sim::pubSubUri(endpoint, variable); };
     const auto rrUri = [&](const std::string& iface, const std::string& method) {
-        return "opcua-rr://" + authority + "#ns=1;s=" + iface + ",ns=1;s=" + iface + "." + method;
+        return vesk::duvo::sim::rpcUri(endpoint, iface, method);
     };
 
     // Monitoring and polling are chosen by the middleware's properties: one middleware each.

@@ -6,11 +6,11 @@
 #include <utility>
 #include <vector>
 
-#include <open62541/types.h>
-
 #include <m2Types/catalogue.hpp>
 #include <m2Types/m2Types.hpp>
 #include <vesk/duvo/shared_vector.hpp>
+#include <vesk/duvo/sim/nodeLayout.hpp>
+#include <vesk/duvo/sim/uaTypes.hpp>
 
 namespace m2ctl {
 
@@ -79,36 +79,9 @@ struct ElementOf<vesk::duvo::shared_vector<const E>> {
     using type = E;
 };
 
-/// The OPC UA type that carries an element type.
-template <class E>
-const UA_DataType* uaTypeOf() {
-    if constexpr (std::is_same_v<E, bool>)
-        return &UA_TYPES[UA_TYPES_BOOLEAN];
-    else if constexpr (std::is_same_v<E, signed char>)
-        return &UA_TYPES[UA_TYPES_SBYTE];
-    else if constexpr (std::is_same_v<E, unsigned char>)
-        return &UA_TYPES[UA_TYPES_BYTE];
-    else if constexpr (std::is_same_v<E, short>)
-        return &UA_TYPES[UA_TYPES_INT16];
-    else if constexpr (std::is_same_v<E, unsigned short>)
-        return &UA_TYPES[UA_TYPES_UINT16];
-    else if constexpr (std::is_same_v<E, int>)
-        return &UA_TYPES[UA_TYPES_INT32];
-    else if constexpr (std::is_same_v<E, unsigned int>)
-        return &UA_TYPES[UA_TYPES_UINT32];
-    else if constexpr (std::is_same_v<E, long> && sizeof(long) == 8)
-        return &UA_TYPES[UA_TYPES_INT64];
-    else if constexpr (std::is_same_v<E, unsigned long> && sizeof(long) == 8)
-        return &UA_TYPES[UA_TYPES_UINT64];
-    else if constexpr (std::is_same_v<E, float>)
-        return &UA_TYPES[UA_TYPES_FLOAT];
-    else if constexpr (std::is_same_v<E, double>)
-        return &UA_TYPES[UA_TYPES_DOUBLE];
-    else {
-        static_assert(std::is_same_v<E, std::string>, "an element type without an OPC UA type");
-        return &UA_TYPES[UA_TYPES_STRING];
-    }
-}
+/// The OPC UA type that carries an element type: the simulator's, so that m2ctl check
+/// holds a device to the nodes the simulator declares.
+using vesk::duvo::sim::uaTypeOf;
 
 template <class E>
 std::string uaTypeName() {
@@ -135,10 +108,8 @@ inline std::string foldedTypes(const std::vector<std::string>& types) {
 }
 
 /// Node ids on the simulator (and on a device laid out like it).
-inline std::string variableNodeId(const std::string& type) { return "ns=1;s=" + type; }
-inline std::string objectNodeId(const std::string& iface) { return "ns=1;s=" + iface; }
-inline std::string methodNodeId(const std::string& iface, const std::string& method) {
-    return "ns=1;s=" + iface + "." + method;
-}
+inline std::string variableNodeId(const std::string& type) { return vesk::duvo::sim::fieldNodeId(type); }
+using vesk::duvo::sim::methodNodeId;
+using vesk::duvo::sim::objectNodeId;
 
 } // namespace m2ctl
