@@ -17,10 +17,6 @@
 #include <vector>
 
 #include <dlfcn.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <log4cplus/logger.h>
@@ -33,7 +29,7 @@
 #include <m2Types/m2Types.hpp>
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
 
-extern char** environ;
+#include "tool/program.hpp"
 
 namespace {
 std::atomic<long> allocations{0};
@@ -83,38 +79,19 @@ using namespace std::chrono_literals;
 using Matrix = m2Types::M2DoubleMatrix36;
 using MatrixBinding = generated::opcua::m2Types::M2DoubleMatrix36;
 
-/// m2-sim on a free port, stopped with SIGTERM.
+/// m2-sim on a free port.
 class SimProcess {
 public:
-    SimProcess() {
-        int out[2];
-        if (pipe(out) != 0) throw std::runtime_error("pipe");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addclose(&actions, out[0]);
-        char* argv[] = {const_cast<char*>(M2_SIM_PATH), const_cast<char*>("--port"), const_cast<char*>("0"), nullptr};
-        const int rc = posix_spawn(&pid_, M2_SIM_PATH, &actions, nullptr, argv, environ);
-        posix_spawn_file_actions_destroy(&actions);
-        close(out[1]);
-        if (rc != 0) throw std::runtime_error("cannot start m2-sim");
-        std::string line;
-        char c;
-        while (read(out[0], &c, 1) == 1 && c != '\n') line += c;
-        close(out[0]);
+    SimProcess() : program_(M2_SIM_PATH, {"--port", "0"}) {
+        const std::string line = program_.readLine();
         if (line.rfind("ready opc.tcp://", 0) != 0) throw std::runtime_error("m2-sim did not start: " + line);
         authority_ = line.substr(std::strlen("ready opc.tcp://"));
-    }
-    ~SimProcess() {
-        kill(pid_, SIGTERM);
-        int status = 0;
-        waitpid(pid_, &status, 0);
     }
     std::string uri(const std::string& variable) const { return "opcua-ps://" + authority_ + "#ns=1;s=" + variable; }
     std::string endpoint() const { return "opc.tcp://" + authority_; }
 
 private:
-    pid_t pid_ = -1;
+    duvo::test::Program program_;
     std::string authority_;
 };
 
