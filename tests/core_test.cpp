@@ -62,6 +62,8 @@ TEST(Util, check_uri_names_the_uri_and_the_fault) {
     for (const Bad& bad : std::vector<Bad>{
              {"no scheme at all", false, false, "invalid URI"},
              {"opcua-ps:#ns=1;i=5", false, true, "no host"},
+             {"opcua-ps:///x#i=1", false, true, "no host"},
+             {"opcua-ps://h:x#i=1", false, true, "invalid URI"},
              {"opcua-ps://host:4840", false, true, "no fragment"},
              {"opcua-ps://host:4840#", false, true, "no fragment"},
              {"opcua-ps://host:4840#x", true, true, "no path"},

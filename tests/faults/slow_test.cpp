@@ -153,33 +153,6 @@ TEST_F(SlowServer, a_slow_method_answers_within_its_deadline_or_times_out) {
     EXPECT_TRUE(hasty.RPC_SetPower(true).get());
 }
 
-TEST_F(SlowServer, application_waits_end_at_their_timeouts) {
-    // Nothing is written: every wait runs to its end.
-    auto subscriber = make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0"), {{"opc.ps.pollingPeriodMs", "0"}}, duvo);
-    // The initial value first, however slow the build: it must not count as data below.
-    std::vector<std::shared_ptr<DataEvent<T>>> initial;
-    subscriber->readDataEvents(DataEventFilter<T>(), initial, 1, 10s);
-    ASSERT_EQ(initial.size(), 1u);
-    Figures over("idle: readDataEvents/poll 100..300 ms, overshoot");
-    for (int timeout : {100, 300}) {
-        const auto start = Clock::now();
-        std::vector<std::shared_ptr<DataEvent<T>>> events;
-        subscriber->readDataEvents(DataEventFilter<T>(), events, 1, std::chrono::milliseconds(timeout));
-        EXPECT_TRUE(events.empty());
-        double ms = msSince(start);
-        EXPECT_GE(ms, timeout - 1);
-        EXPECT_LE(ms, timeout + 500);
-        over.add(ms - timeout);
-
-        const auto pollStart = Clock::now();
-        EXPECT_EQ(subscriber->poll(1, std::chrono::milliseconds(timeout)), 0u);
-        ms = msSince(pollStart);
-        EXPECT_GE(ms, timeout - 1);
-        EXPECT_LE(ms, timeout + 500);
-        over.add(ms - timeout);
-    }
-}
-
 TEST_F(SlowServer, an_unanswered_poll_ends_at_its_period_and_does_not_hold_up_close) {
     vesk::duvo::sim::FaultProxy proxy(simulator->endpoint());
     Device device(*simulator);

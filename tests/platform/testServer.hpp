@@ -11,8 +11,8 @@
 namespace duvo::test {
 
 /// Nodes (namespace 1): variables "Double", "Int32", "String"; object "Methods" with
-/// "Methods.Add" (Int32, Int32 -> Int32) and "Methods.Sleep" (UInt32 ms -> UInt32; sleeps
-/// that long in the server's thread, so the whole server is slow meanwhile).
+/// "Methods.Sleep" (UInt32 ms -> UInt32 ms; sleeps that long in the server's thread, so the
+/// whole server is slow meanwhile).
 class TestServer {
 public:
     TestServer();
