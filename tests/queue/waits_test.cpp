@@ -12,9 +12,11 @@ TEST(QueuedWaits, readDataEvents_and_poll_wait_their_whole_timeout_when_nothing_
     auto start = std::chrono::steady_clock::now();
     sub.readDataEvents(filterFor(2), events, 1, 500ms);
     EXPECT_GE(elapsedMs(start), 500);
+    EXPECT_LE(elapsedMs(start), 1000);
     start = std::chrono::steady_clock::now();
     EXPECT_EQ(sub.poll(1, 500ms), 0u);
     EXPECT_GE(elapsedMs(start), 500);
+    EXPECT_LE(elapsedMs(start), 1000);
     EXPECT_TRUE(events.empty());
     EXPECT_EQ(sub.read(0).size(), 1u);
 }
