@@ -173,7 +173,7 @@ protected:
     }
 };
 
-TEST_F(M2ctlOnSimulator, pub_writes_the_parsed_value_that_sub_reads_back_in_every_mode) {
+TEST_F(M2ctlOnSimulator, pub_writes_the_parsed_value_and_time_that_sub_reads_back_in_every_mode) {
     Outcome o = m2ctl({"pub", "M2FloatVector6", "1.5,-2, 3,4,5,6.25"});
     ASSERT_EQ(o.code, 0) << o.err;
     const auto written = simulator->read("M2FloatVector6");
@@ -198,11 +198,10 @@ TEST_F(M2ctlOnSimulator, pub_writes_the_parsed_value_that_sub_reads_back_in_ever
     EXPECT_NE(o.out.find("M2Int16Value0 = -32768"), std::string::npos) << o.out << o.err;
     o = m2ctl({"sub", "M2StringVector15", "--count", "1", "--duration", "5", "--json"});
     EXPECT_NE(o.out.find("\"value\":[\"a b\",\"\",\"c,d\"]"), std::string::npos) << o.out << o.err;
-}
 
-TEST_F(M2ctlOnSimulator, pub_timestamp_becomes_the_source_time_that_sub_prints) {
+    // pub's timestamp becomes the source time that sub prints.
     ASSERT_EQ(m2ctl({"pub", "M2Int32Value0", "-7", "--timestamp", "1700000000.5"}).code, 0);
-    const Outcome o = m2ctl({"sub", "M2Int32Value0", "--count", "1", "--duration", "5", "--json"});
+    o = m2ctl({"sub", "M2Int32Value0", "--count", "1", "--duration", "5", "--json"});
     ASSERT_EQ(o.code, 0) << o.err;
     EXPECT_EQ(o.out, "{\"type\":\"M2Int32Value0\",\"sourceTime\":\"2023-11-14T22:13:20.500Z\",\"value\":-7}\n");
 }
@@ -227,7 +226,7 @@ TEST_F(M2ctlOnSimulator, sub_fails_when_fewer_samples_than_counted_arrive_in_tim
     expectOneErrorLine(o, "BadNodeIdUnknown");
 }
 
-TEST_F(M2ctlOnSimulator, call_sends_the_parsed_arguments_sync_and_async) {
+TEST_F(M2ctlOnSimulator, call_sends_the_parsed_arguments_sync_and_async_and_call_and_tour_fail_on_false_or_refused) {
     Outcome o = m2ctl({"call", "OpRpcSystemBuiltInTest", "7", "-2", "300"});
     ASSERT_EQ(o.code, 0) << o.err;
     EXPECT_NE(o.out.find("OpRpcSystemBuiltInTest.RPC_BuiltInTest(7, -2, 300) -> true"), std::string::npos) << o.out;
@@ -251,13 +250,12 @@ TEST_F(M2ctlOnSimulator, call_sends_the_parsed_arguments_sync_and_async) {
     record = simulator->calls("PsRpcLegPositionSetpoint");
     ASSERT_TRUE(record.lastArguments[0].hasType(&UA_TYPES[UA_TYPES_DOUBLE]));
     EXPECT_EQ(record.lastArguments[0].arrayLength(), 3u);
-}
 
-TEST_F(M2ctlOnSimulator, call_and_tour_fail_on_a_false_result_or_a_refused_write) {
+    // call and tour fail on a false result or a refused write.
     vesk::duvo::sim::Reply no;
     no.result = false;
     simulator->setReply("WhRpcSetpower", no);
-    Outcome o = m2ctl({"call", "WhRpcSetpower", "1"});
+    o = m2ctl({"call", "WhRpcSetpower", "1"});
     EXPECT_EQ(o.code, 1);
     EXPECT_NE(o.out.find("-> false"), std::string::npos) << o.out;
     expectOneErrorLine(o, "WhRpcSetpower.RPC_SetPower returned false");
