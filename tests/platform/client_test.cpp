@@ -125,16 +125,16 @@ TEST_F(ClientTest, slow_reply_fails_at_the_reply_deadline_and_the_late_reply_is_
 }
 
 TEST(Deadline, unreachable_silent_or_paused_endpoints_fail_requests_at_their_deadline_saying_why) {
-    SilentListener silent;
     TestServer paused;
     OpcUaClient connected(paused.endpoint());
     ASSERT_TRUE(eventually([&] { return connected.isConnected(); }));
-    paused.pause(); // stops answering while the connection stays open
+    // Stops answering while connections stay open; new ones the kernel accepts and nobody reads.
+    paused.pause();
     const std::string unreachable = "opc.tcp://127.0.0.1:" + std::to_string(freePort());
-    OpcUaClient toUnreachable(unreachable), toSilent(silent.endpoint());
+    OpcUaClient toUnreachable(unreachable), toSilent(paused.endpoint());
     for (const auto& [client, endpoint, reason] : {std::tuple{&connected, paused.endpoint(), "timeout"},
                                                    std::tuple{&toUnreachable, unreachable, "not connected"},
-                                                   std::tuple{&toSilent, silent.endpoint(), "not connected"}}) {
+                                                   std::tuple{&toSilent, paused.endpoint(), "not connected"}}) {
         const auto start = Clock::now();
         auto write = writeDouble(*client, "Double", 1, 200ms);
         std::string failure;

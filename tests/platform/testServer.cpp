@@ -171,16 +171,4 @@ int TestServer::itemsDeleted(const std::string& node) {
     return counts_[node].second;
 }
 
-SilentListener::SilentListener() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in a = loopback(0);
-    socklen_t len = sizeof a;
-    // Never accepted: the kernel completes the handshakes, nobody reads.
-    if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd_, 16) != 0 ||
-        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) != 0)
-        throw std::runtime_error("cannot listen");
-    port_ = ntohs(a.sin_port);
-}
-
-SilentListener::~SilentListener() { ::close(fd_); }
-
 } // namespace duvo::test

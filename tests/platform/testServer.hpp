@@ -46,18 +46,6 @@ private:
     std::map<std::string, std::pair<int, int>> counts_;
 };
 
-/// A TCP port that accepts connections and never answers.
-class SilentListener {
-public:
-    SilentListener();
-    ~SilentListener();
-    std::string endpoint() const { return "opc.tcp://127.0.0.1:" + std::to_string(port_); }
-
-private:
-    int fd_;
-    unsigned port_;
-};
-
 /// A loopback port where nothing listens.
 unsigned freePort();
 
