@@ -67,8 +67,7 @@ void Outages::run(bool silent, int outages) {
                       make<OpcUaSubscriber<T, ST>>(deviceUri, Properties{}, std::make_shared<OpcUaDuvo>()));
     Watched polled("polled", make<OpcUaSubscriber<T, ST>>(deviceUri, polledProps, duvo));
     auto mostRecent = make<OpcUaMrvSubscriber<T, ST>>(deviceUri, monitoredProps, duvo);
-    auto publisher = std::make_shared<OpcUaPublisher<P, PT>>(psUri("M2FloatVector6", endpoint), PsQoS{}, Properties{}, duvo);
-    publisher->setState(EntityState::Initialized);
+    auto publisher = make<OpcUaPublisher<P, PT>>(psUri("M2FloatVector6", endpoint), {}, duvo);
     const std::string rr = rrUri("PsRpcSetpower", "RPC_SetPower", endpoint);
     AsyncClient caller(rr, replyTime(300ms), {{"opc.asyncCallSubmitTimeoutMs", "300"}}, duvo);
     SyncClient syncCaller(rr, replyTime(300ms), Properties{}, duvo);

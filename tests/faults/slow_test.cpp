@@ -40,9 +40,7 @@ protected:
 TEST_F(SlowServer, deadlines_hold_for_every_request_from_many_threads) {
     vesk::duvo::sim::FaultProxy proxy(simulator->endpoint());
     const std::string endpoint = proxy.endpoint();
-    auto publisher =
-        std::make_shared<OpcUaPublisher<P, PT>>(psUri("M2FloatVector6", endpoint), PsQoS{}, Properties{}, duvo);
-    publisher->setState(EntityState::Initialized);
+    auto publisher = make<OpcUaPublisher<P, PT>>(psUri("M2FloatVector6", endpoint), {}, duvo);
     const std::string rr = rrUri("PsRpcSetpower", "RPC_SetPower", endpoint);
     AsyncClient caller50(rr, replyTime(50ms), Properties{}, duvo);
     AsyncClient caller150(rr, replyTime(150ms), Properties{}, duvo);
