@@ -6,10 +6,13 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <future>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -20,6 +23,7 @@
 #include <duvo/opcua/detail/ps/subscriber.hpp>
 #include <generated/opcua/m2Types/m2Types.hpp>
 #include <generated/opcua/m2Types/rpc.hpp>
+#include <vesk/duvo/sim/faultProxy.hpp>
 
 #include "support/makeEntity.hpp"
 #include "support/simulatorFixture.hpp"

@@ -2,16 +2,6 @@
 // (the proxy keeps both sockets open and drops every reply, as a cut cable or a hung device
 // would, and nothing tells the client), again and again, while publishers, monitored and
 // polled subscribers and callers keep working on one endpoint.
-#include <chrono>
-#include <future>
-#include <string>
-#include <tuple>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include <vesk/duvo/sim/faultProxy.hpp>
-
 #include "faults/faultRig.hpp"
 
 namespace duvo::faults {

@@ -1,17 +1,5 @@
 // A server that answers late or not at all: every wait ends at its own deadline, from many
 // threads at once, and a reply that comes after its deadline harms nothing.
-#include <algorithm>
-#include <chrono>
-#include <cstdint>
-#include <thread>
-#include <future>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include <vesk/duvo/sim/faultProxy.hpp>
-
 #include "faults/faultRig.hpp"
 
 namespace duvo::faults {

@@ -1,17 +1,6 @@
 // Entities closed and destroyed from several threads while notifications, polls and replies
 // are in flight and the connection misbehaves underneath. Meant for the sanitizer builds:
 // what it asserts is that nothing crashes, hangs or reports an unknown failure.
-#include <atomic>
-#include <chrono>
-#include <random>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include <vesk/duvo/sim/faultProxy.hpp>
-
 #include "faults/faultRig.hpp"
 
 namespace duvo::faults {
