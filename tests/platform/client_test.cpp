@@ -302,10 +302,11 @@ TEST_F(ClientTest, pending_requests_fail_when_the_client_goes_or_the_connection_
 
 // ---- reconnection
 
-TEST_F(ClientTest, server_restart_recreates_items_once_and_notifications_resume) {
+TEST_F(ClientTest, a_silent_server_keeps_the_session_and_a_restarted_one_gets_its_items_again_once) {
     std::mutex mutex;
     std::vector<bool> events;
     std::vector<double> seen;
+    bool restarted = false;
     Clock::time_point firstAfterRestart{};
     auto watch = client->addConnectionCallback([&](bool up) {
         std::lock_guard<std::mutex> lock(mutex);
@@ -314,53 +315,48 @@ TEST_F(ClientTest, server_restart_recreates_items_once_and_notifications_resume)
     auto handle = client->monitor(node("Double"), 0, [&](UA_DataValue* value) {
         std::lock_guard<std::mutex> lock(mutex);
         seen.push_back(*static_cast<double*>(value->value.data));
-        if (!events.empty() && firstAfterRestart == Clock::time_point{}) firstAfterRestart = Clock::now();
+        if (restarted && firstAfterRestart == Clock::time_point{}) firstAfterRestart = Clock::now();
     });
+    const auto locked = [&](auto condition) {
+        return [&mutex, condition] {
+            std::lock_guard<std::mutex> lock(mutex);
+            return condition();
+        };
+    };
+    const auto eventCount = [&](std::size_t n) { return eventually(locked([&] { return events.size() == n; }), 8s); };
+    const auto lastSeen = [&](double v) { return eventually(locked([&] { return !seen.empty() && seen.back() == v; })); };
     ASSERT_TRUE(eventually([&] { return server.itemsCreated("Double") == 1; }));
-    server.writeDouble("Double", 1);
-    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return !seen.empty() && seen.back() == 1; }));
 
+    // Silent: noticed in about three seconds; the same session and subscription resume.
+    const auto start = Clock::now();
+    server.pause();
+    ASSERT_TRUE(eventCount(1));
+    EXPECT_LE(Clock::now() - start, 4500ms);
+    server.resume();
+    ASSERT_TRUE(eventCount(2));
+    server.writeDouble("Double", 5);
+    ASSERT_TRUE(lastSeen(5));
+    EXPECT_EQ(server.itemsCreated("Double"), 1); // the subscription survived on the server
+
+    // Restarted: the item is made again, once, and notifications resume.
     server.stop();
-    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return events.size() == 1; }))
-        << events.size() << " connection events";
+    ASSERT_TRUE(eventCount(3));
     std::this_thread::sleep_for(300ms);
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        restarted = true;
+    }
     server.start();
     const auto back = Clock::now();
-    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return firstAfterRestart != Clock::time_point{}; }));
+    ASSERT_TRUE(eventually(locked([&] { return firstAfterRestart != Clock::time_point{}; })));
     server.writeDouble("Double", 2);
-    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return seen.back() == 2; }));
+    ASSERT_TRUE(lastSeen(2));
     std::this_thread::sleep_for(300ms);
-
     std::lock_guard<std::mutex> lock(mutex);
-    EXPECT_EQ(events, (std::vector<bool>{false, true}));
+    EXPECT_EQ(events, (std::vector<bool>{false, true, false, true}));
     EXPECT_EQ(server.itemsCreated("Double"), 2); // once per server life
     std::cout << "[ measured ] server back -> first notification: "
               << std::chrono::duration_cast<std::chrono::milliseconds>(firstAfterRestart - back).count() << " ms\n";
-}
-
-TEST_F(ClientTest, silent_server_is_noticed_and_the_same_session_resumes) {
-    std::mutex mutex;
-    std::vector<bool> events;
-    double last = -1;
-    auto watch = client->addConnectionCallback([&](bool up) {
-        std::lock_guard<std::mutex> lock(mutex);
-        events.push_back(up);
-    });
-    auto handle = client->monitor(node("Double"), 10, [&](UA_DataValue* value) {
-        std::lock_guard<std::mutex> lock(mutex);
-        last = *static_cast<double*>(value->value.data);
-    });
-    ASSERT_TRUE(eventually([&] { return server.itemsCreated("Double") == 1; }));
-    const auto start = Clock::now();
-    server.pause();
-    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return events.size() == 1; }, 6s));
-    EXPECT_LE(Clock::now() - start, 4500ms); // noticed in about three seconds
-    server.resume();
-    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return events.size() == 2; }, 8s));
-    server.writeDouble("Double", 5);
-    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return last == 5; }));
-    EXPECT_EQ(events, (std::vector<bool>{false, true}));
-    EXPECT_EQ(server.itemsCreated("Double"), 1); // the subscription survived on the server
 }
 
 // ---- registrations and ownership
