@@ -361,7 +361,7 @@ TEST_F(ClientTest, a_silent_server_keeps_the_session_and_a_restarted_one_gets_it
 
 // ---- registrations and ownership
 
-TEST_F(ClientTest, destroyed_monitor_handle_stops_callbacks_and_deletes_the_item) {
+TEST_F(ClientTest, a_destroyed_monitor_handle_stops_callbacks_and_deletes_the_item_even_from_its_own_callback) {
     std::atomic<bool> destroyed{false}, lateCall{false};
     std::atomic<int> calls{0};
     auto handle = client->monitor(node("Double"), 0, [&](UA_DataValue*) {
@@ -386,23 +386,22 @@ TEST_F(ClientTest, destroyed_monitor_handle_stops_callbacks_and_deletes_the_item
     writer.join();
     EXPECT_FALSE(lateCall);
     EXPECT_TRUE(eventually([&] { return server.itemsDeleted("Double") == 1; }));
-}
 
-TEST_F(ClientTest, a_callback_may_destroy_its_own_handle) {
-    std::atomic<int> calls{0};
+    // A callback may destroy its own handle.
+    std::atomic<int> ownCalls{0};
     std::mutex mutex; // the first call may come before the handle is stored
     auto holder = std::make_shared<OpcUaClient::MonitorHandle>();
     std::unique_lock<std::mutex> storing(mutex);
     *holder = client->monitor(node("Double"), 0, [&, holder](UA_DataValue*) {
         std::lock_guard<std::mutex> lock(mutex);
-        ++calls;
+        ++ownCalls;
         *holder = OpcUaClient::MonitorHandle();
     });
     storing.unlock();
-    ASSERT_TRUE(eventually([&] { return calls == 1; }));
+    ASSERT_TRUE(eventually([&] { return ownCalls == 1; }));
     for (int i = 1; i <= 5; ++i) server.writeDouble("Double", i);
     std::this_thread::sleep_for(200ms);
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(ownCalls, 1);
 }
 
 TEST(Client, may_be_destroyed_on_its_own_threads_and_its_handles_may_outlive_it) {
