@@ -7,11 +7,12 @@
 namespace duvo::faults {
 namespace {
 
-/// A refused request: what it said and how long it took.
+/// A refused request: what it said, whether as a timeout, and how long it took.
 struct Refusal {
     std::string text;
     double ms = 0;
     bool refused = false;
+    bool timedOut = false;
 };
 
 template <class F>
@@ -23,6 +24,7 @@ Refusal timed(F request) {
     } catch (const std::exception& e) {
         out.text = e.what();
         out.refused = true;
+        out.timedOut = dynamic_cast<const vesk::duvo::TimeoutException*>(&e) != nullptr;
     }
     out.ms = msSince(start);
     return out;
@@ -128,7 +130,9 @@ void Outages::run(bool silent, int outages) {
             ASSERT_TRUE(p.refused && c.refused && s.refused);
             // The publisher's wait and the client's deadline end together; the publisher tells.
             EXPECT_EQ(p.text, "timeout when publishing");
+            EXPECT_TRUE(p.timedOut);
             EXPECT_EQ(c.text, callText);
+            EXPECT_TRUE(c.timedOut || !silent);
             EXPECT_TRUE(s.text == "timeout when waiting for data" || (silent && s.text == callText)) << s.text;
             for (const auto& [r, figures] : {std::pair{p, &publishOver}, std::pair{c, &callOver}, std::pair{s, &syncOver}}) {
                 EXPECT_GE(r.ms, 299);
@@ -161,7 +165,7 @@ void Outages::run(bool silent, int outages) {
 
             const auto restored = Clock::now();
             const std::int32_t mark = device.mark();
-            const auto until = restored + 15s;
+            const auto until = restored + (silent ? 15s : 10s);
             ASSERT_TRUE(monitored.waitForValue(mark, until)) << "no monitored sample after the outage";
             monitoredBack.add(msSince(restored));
             ASSERT_TRUE(polled.waitForValue(mark, until)) << "no polled sample after the outage";
