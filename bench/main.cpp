@@ -1,6 +1,7 @@
 // Our publish, call, subscribe and poll paths side by side with a client written against
-// open62541 alone, against one simulator in its own process. The two sides alternate in
-// rounds (the order flips each round) and the table shows medians.
+// open62541 alone, against one simulator in its own process (the _encrypted rows against a
+// second one that offers only secured endpoints). The two sides alternate in rounds (the order
+// flips each round) and the table shows medians.
 //
 //   duvo-bench [--rounds N] [--round-ms MS] [--samples N] [--scale N,N,...] [--quick] [--only PREFIX]
 //              [--node-peer] [--load N]
@@ -19,6 +20,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <csignal>
@@ -40,6 +42,7 @@
 
 #include "rawClient.hpp"
 #include "scale.hpp"
+#include "secureSetup.hpp"
 #include "serverProcess.hpp"
 #include "stats.hpp"
 
@@ -223,6 +226,7 @@ void nodePeerTable(const std::vector<Figure>& ours, const std::string& endpoint,
 
 int benchMain(const Options& options) {
     const std::string self = selfPath();
+    auto wanted = [&](const std::string& name) { return name.compare(0, options.only.size(), options.only) == 0; };
     ServerProcess server(self);
     const std::string authority = server.authority();
     const std::string endpoint = server.endpoint();
@@ -346,6 +350,43 @@ int benchMain(const Options& options) {
         check(created.statusCode == UA_STATUSCODE_GOOD, "raw monitored item");
     }
 
+    // ---- SignAndEncrypt with Basic256Sha256 as a user, against a second simulator that offers
+    // nothing else: our side through the security properties, the raw side through open62541's
+    // encryption set-up with a certificate of its own.
+    std::unique_ptr<SecureSetup> secure;
+    std::unique_ptr<ServerProcess> secureServer;
+    std::shared_ptr<OpcUaDuvo> secureDuvo;
+    std::unique_ptr<vesk::duvo::ps::Publisher<m2Types::M2FloatValue0>> secureFloatPublisher;
+    std::shared_ptr<m2Types::M2FloatValue0> secureFloatSample;
+    std::unique_ptr<m2Types::WhRpcForceSetpointAdsSync> secureAdsSync;
+    std::unique_ptr<RawClient> secureRaw;
+    if (wanted("publish_sync_scalar_encrypted") || wanted("rpc_sync_force_ads15_encrypted")) {
+        secure = std::make_unique<SecureSetup>();
+        secureServer = std::make_unique<ServerProcess>(
+            self, std::vector<std::string>{"--secure", secure->serverPki(), secure->usersFile()});
+        const std::string serverCertificate = secure->trustServer();
+        const std::string secureAuthority = secureServer->authority();
+        secureDuvo = std::make_shared<OpcUaDuvo>(secure->properties());
+        secureFloatPublisher = secureDuvo->createPublisher<m2Types::M2FloatValue0>("opcua-ps://" + secureAuthority +
+                                                                                  "#ns=1;s=M2FloatValue0");
+        secureFloatSample = secureFloatPublisher->createDataEntity();
+        secureFloatSample->setValue0(scalar);
+        secureAdsSync = secureDuvo->createClient<m2Types::WhRpcForceSetpointAdsSync>(
+            "opcua-rr://" + secureAuthority +
+                "#ns=1;s=WhRpcForceSetpointAds,ns=1;s=WhRpcForceSetpointAds.RPC_ForceSetpointAds",
+            replyTime);
+        // Our first connection also makes our certificate: wait for it rather than time a publish out.
+        const auto secureClient = secureDuvo->getClient(secureServer->endpoint(), secureDuvo->properties());
+        const auto until = Clock::now() + 30s;
+        while (!secureClient->isConnected() && Clock::now() < until) std::this_thread::sleep_for(10ms);
+        check(secureClient->isConnected(), "our encrypted session within 30 s");
+        const RawClient::Security rawSecurity{serverCertificate, SecureSetup::user, secure->password()};
+        secureRaw = std::make_unique<RawClient>(secureServer->endpoint(), &rawSecurity);
+        std::printf("secure server %s (own process): SignAndEncrypt, Basic256Sha256, a user and password\n",
+                    secureServer->endpoint().c_str());
+        std::fflush(stdout);
+    }
+
     // ---- the figures
     std::vector<Figure> figures;
     auto figure = [&](const std::string& name, const std::string& unit, bool higherIsBetter, double target) {
@@ -377,6 +418,13 @@ int benchMain(const Options& options) {
 
     pairs.push_back({figure("publish_sync_scalar", "/s", true, 1.0), publishSync(floatPublisher, floatSample),
                      rawWrite(floatNode, floatVariant, 1)});
+    if (secure)
+        pairs.push_back({figure("publish_sync_scalar_encrypted", "/s", true, 0.90),
+                         publishSync(secureFloatPublisher, secureFloatSample),
+                         [&]() -> std::size_t {
+                             check(secureRaw->write(floatNode, floatVariant(), 1) == 0, "raw encrypted write");
+                             return 1;
+                         }});
     pairs.push_back({figure("publish_sync_matrix36", "/s", true, 1.0), publishSync(matrixPublisher, matrixSample),
                      rawWrite(matrixNode, matrixVariant, 1)});
     pairs.push_back({figure("publish_sync_uint16x62", "/s", true, 1.0), publishSync(shortsPublisher, shortsSample),
@@ -404,6 +452,21 @@ int benchMain(const Options& options) {
                          check(raw.call(adsObject, adsMethod, forceVariants(), 15), "raw ForceSetpointAds");
                          return 1;
                      }});
+    if (secure)
+        pairs.push_back({figure("rpc_sync_force_ads15_encrypted", "/s", true, 0.90),
+                         [&]() -> std::size_t {
+                             check(secureAdsSync->RPC_ForceSetpointAds(forces[14], forces[13], forces[12], forces[11],
+                                                                       forces[10], forces[9], forces[8], forces[7],
+                                                                       forces[6], forces[5], forces[4], forces[3],
+                                                                       forces[2], forces[1], forces[0]),
+                                   "encrypted RPC_ForceSetpointAds");
+                             return 1;
+                         },
+                         [&]() -> std::size_t {
+                             check(secureRaw->call(adsObject, adsMethod, forceVariants(), 15),
+                                   "raw encrypted ForceSetpointAds");
+                             return 1;
+                         }});
     pairs.push_back({figure("rpc_sync_leg_array6", "/s", true, 1.0),
                      [&]() -> std::size_t {
                          check(legSync->RPC_LegPositionSetpoint(legs), "RPC_LegPositionSetpoint");
@@ -498,7 +561,6 @@ int benchMain(const Options& options) {
     for (auto& p : pairs)
         if (figures[p.figure].name == "rpc_sync_force_ads15") p.cpuFigure = figure("cpu_rpc_sync", "us", false, 0.0);
 
-    auto wanted = [&](const std::string& name) { return name.compare(0, options.only.size(), options.only) == 0; };
     pairs.erase(std::remove_if(pairs.begin(), pairs.end(), [&](const Pair& p) { return !wanted(figures[p.figure].name); }),
                 pairs.end());
     const bool measureDelivery = wanted("subscribe_delivery");
@@ -639,7 +701,8 @@ int main(int argc, char** argv) {
     log4cplus::Logger::getRoot().setLogLevel(log4cplus::WARN_LOG_LEVEL);
     try {
         std::vector<std::string> args(argv + 1, argv + argc);
-        if (!args.empty() && args[0] == "--serve") return duvo::bench::serveMain();
+        if (!args.empty() && args[0] == "--serve")
+            return duvo::bench::serveMain(std::vector<std::string>(args.begin() + 1, args.end()));
         if (args.size() == 4 && args[0] == "--scale-run")
             return duvo::bench::scaleMain(args[1], std::stoul(args[2]), args[3]);
         Options options;

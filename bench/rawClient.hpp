@@ -12,17 +12,26 @@
 #include <open62541/client_highlevel.h>
 #include <open62541/client_highlevel_async.h>
 #include <open62541/client_subscriptions.h>
+#include <open62541/plugin/create_certificate.h>
 #include <open62541/plugin/log_stdout.h>
 
 namespace duvo::bench {
 
 class RawClient {
 public:
-    explicit RawClient(const std::string& endpoint) {
+    /// SignAndEncrypt with Basic256Sha256 as a user, trusting only the server's certificate.
+    struct Security {
+        std::string serverCertificate; // DER
+        std::string user;
+        std::string password;
+    };
+
+    explicit RawClient(const std::string& endpoint, const Security* security = nullptr) {
         UA_ClientConfig config;
         std::memset(&config, 0, sizeof config);
         config.logging = UA_Log_Stdout_new(UA_LOGLEVEL_ERROR);
-        UA_ClientConfig_setDefault(&config);
+        if (security == nullptr) UA_ClientConfig_setDefault(&config);
+        else encrypt(config, *security);
         config.timeout = 10000;
         client_ = UA_Client_newWithConfig(&config);
         if (client_ == nullptr || UA_Client_connect(client_, endpoint.c_str()) != UA_STATUSCODE_GOOD)
@@ -93,6 +102,38 @@ public:
     }
 
 private:
+    static constexpr const char* applicationUri = "urn:duvo:bench-raw";
+
+    /// A certificate of its own, made as open62541's examples make one.
+    static void encrypt(UA_ClientConfig& config, const Security& security) {
+        UA_String subject[] = {UA_STRING(const_cast<char*>("CN=duvo-bench-raw")), UA_STRING(const_cast<char*>("O=duvo"))};
+        const std::string san = std::string("URI:") + applicationUri;
+        UA_String alternative[] = {UA_STRING(const_cast<char*>(san.c_str())),
+                                   UA_STRING(const_cast<char*>("DNS:localhost"))};
+        UA_KeyValueMap* parameters = UA_KeyValueMap_new();
+        UA_UInt16 bits = 2048;
+        UA_KeyValueMap_setScalar(parameters, UA_QUALIFIEDNAME(0, const_cast<char*>("key-size-bits")), &bits,
+                                 &UA_TYPES[UA_TYPES_UINT16]);
+        UA_ByteString key = UA_BYTESTRING_NULL, certificate = UA_BYTESTRING_NULL;
+        UA_StatusCode rc = UA_CreateCertificate(config.logging, subject, 2, alternative, 2, UA_CERTIFICATEFORMAT_DER,
+                                                parameters, &key, &certificate);
+        UA_KeyValueMap_delete(parameters);
+        UA_ByteString trusted;
+        trusted.length = security.serverCertificate.size();
+        trusted.data = reinterpret_cast<UA_Byte*>(const_cast<char*>(security.serverCertificate.data()));
+        if (rc == UA_STATUSCODE_GOOD)
+            rc = UA_ClientConfig_setDefaultEncryption(&config, certificate, key, &trusted, 1, nullptr, 0);
+        UA_ByteString_clear(&key);
+        UA_ByteString_clear(&certificate);
+        if (rc != UA_STATUSCODE_GOOD)
+            throw std::runtime_error(std::string("raw client cannot use its certificate: ") + UA_StatusCode_name(rc));
+        config.securityMode = UA_MESSAGESECURITYMODE_SIGNANDENCRYPT;
+        config.securityPolicyUri = UA_STRING_ALLOC("http://opcfoundation.org/UA/SecurityPolicy#Basic256Sha256");
+        UA_String_clear(&config.clientDescription.applicationUri);
+        config.clientDescription.applicationUri = UA_STRING_ALLOC(applicationUri);
+        UA_ClientConfig_setAuthenticationUsername(&config, security.user.c_str(), security.password.c_str());
+    }
+
     struct Batch {
         std::size_t pending;
         std::size_t failures;

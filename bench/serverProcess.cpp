@@ -20,10 +20,15 @@ extern char** environ;
 
 namespace duvo::bench {
 
-int serveMain() {
+int serveMain(const std::vector<std::string>& args) {
     try {
         vesk::duvo::sim::Options options;
         options.logLevel = UA_LOGLEVEL_ERROR;
+        if (args.size() == 3 && args[0] == "--secure") {
+            options.security = vesk::duvo::sim::Options::Security::Secure;
+            options.pkiDir = args[1];
+            options.usersFile = args[2];
+        }
         vesk::duvo::sim::Simulator simulator(options);
         simulator.start();
         std::cout << "ready " << simulator.endpoint() << std::endl;
@@ -48,7 +53,7 @@ int serveMain() {
     }
 }
 
-ServerProcess::ServerProcess(const std::string& self) {
+ServerProcess::ServerProcess(const std::string& self, const std::vector<std::string>& args) {
     int toChild[2];
     int fromChild[2];
     if (pipe(toChild) != 0 || pipe(fromChild) != 0) throw std::runtime_error("pipe: " + std::string(std::strerror(errno)));
@@ -58,8 +63,10 @@ ServerProcess::ServerProcess(const std::string& self) {
     posix_spawn_file_actions_adddup2(&actions, fromChild[1], STDOUT_FILENO);
     posix_spawn_file_actions_addclose(&actions, toChild[1]);
     posix_spawn_file_actions_addclose(&actions, fromChild[0]);
-    char* argv[] = {const_cast<char*>(self.c_str()), const_cast<char*>("--serve"), nullptr};
-    const int rc = posix_spawn(&pid_, self.c_str(), &actions, nullptr, argv, environ);
+    std::vector<char*> argv{const_cast<char*>(self.c_str()), const_cast<char*>("--serve")};
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    const int rc = posix_spawn(&pid_, self.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(toChild[0]);
     close(fromChild[1]);

@@ -3,6 +3,7 @@
 // thread or a core's time slice with the server's loop in a way the other side does not.
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -11,14 +12,15 @@ namespace duvo::bench {
 /// Runs the simulator in this process: prints "ready ENDPOINT", then executes one command per
 /// line of standard input until it ends:
 ///   "w VARIABLE VALUE"  a server-side write of the Int32 VALUE (as a device would change it)
-/// Returns the process's exit code.
-int serveMain();
+/// With "--secure PKI_DIR USERS_FILE" it offers only Sign and SignAndEncrypt endpoints and
+/// only to those users. Returns the process's exit code.
+int serveMain(const std::vector<std::string>& args);
 
 /// A child process running serveMain(); stopped and reaped by the destructor.
 class ServerProcess {
 public:
-    /// self: this program's path, started again with "--serve".
-    explicit ServerProcess(const std::string& self);
+    /// self: this program's path, started again with "--serve" and the arguments.
+    explicit ServerProcess(const std::string& self, const std::vector<std::string>& args = {});
     ~ServerProcess();
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;

@@ -2,8 +2,9 @@
 
 #include <stdexcept>
 
+#include <vesk/duvo/opcua/detail/security.hpp>
+
 #include "logging.hpp"
-#include "security.hpp"
 
 namespace vesk::duvo::opcua::detail {
 

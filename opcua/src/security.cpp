@@ -1,4 +1,4 @@
-#include "security.hpp"
+#include <vesk/duvo/opcua/detail/security.hpp>
 
 #include <cstdlib>
 #include <cstring>

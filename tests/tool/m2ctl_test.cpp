@@ -447,6 +447,9 @@ TEST(M2ctlSecurity, an_untrusted_server_or_a_refused_user_is_one_line_and_no_pas
     o = run(with({"pub", "M2Int32Value0", "7"}, {"--trust-server"}), password);
     EXPECT_EQ(o.code, 0) << o.err;
     EXPECT_NE(o.err.find(vesk::duvo::pki::thumbprint(server.certificate())), std::string::npos) << o.err;
+    o = run(with({"check", "M2Int32Value0", "PsRpcSetpower"}), password);
+    EXPECT_EQ(o.code, 0) << o.out << o.err;
+    expectOneErrorLine(run(with({"check", "M2Int32Value0"}), wrong), "refused the user \"operator\"");
 
     o = run(with({"call", "PsRpcSetpower", "true"}), wrong);
     EXPECT_EQ(o.code, 1);

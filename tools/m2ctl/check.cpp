@@ -12,6 +12,8 @@
 #include <open62541/client_config_default.h>
 #include <open62541/client_highlevel.h>
 
+#include <vesk/duvo/opcua/detail/security.hpp>
+
 #include "catalogue.hpp"
 #include "cli.hpp"
 #include "commands.hpp"
@@ -50,21 +52,27 @@ void noLog(void*, UA_LogLevel, UA_LogCategory, const char*, va_list) {}
 /// status codes, which the rows show.
 UA_Logger quietLogger{&noLog, nullptr, nullptr};
 
-/// A plain open62541 client: the middleware reads no attributes but values.
+/// A plain open62541 client: the middleware reads no attributes but values. Its security is
+/// the middleware's, set up from the same properties, so it trusts and refuses alike.
 class Device {
 public:
-    Device(const std::string& endpoint, long timeoutMs) {
+    Device(const std::string& endpoint, const Common& common) : security_(endpoint, common.security) {
         UA_ClientConfig config;
         std::memset(&config, 0, sizeof config);
         config.logging = &quietLogger;
         UA_ClientConfig_setDefault(&config);
-        config.timeout = static_cast<UA_UInt32>(timeoutMs);
+        config.timeout = static_cast<UA_UInt32>(common.timeoutMs);
+        security_.configure(config);
         client_ = UA_Client_newWithConfig(&config);
         if (!client_) throw std::runtime_error("cannot create an OPC UA client");
         const UA_StatusCode status = UA_Client_connect(client_, endpoint.c_str());
         if (status != UA_STATUSCODE_GOOD) {
+            // Why in the middleware's words: an untrusted certificate, a refused user.
+            bool ready = true;
+            const std::string why = security_.beforeAttempt(*UA_Client_getConfig(client_), status, ready);
             UA_Client_delete(client_);
-            throw std::runtime_error("cannot connect to " + endpoint + ": " + statusName(status));
+            throw std::runtime_error("cannot connect to " + endpoint + ": " +
+                                     (why.empty() ? statusName(status) : "not connected: " + why));
         }
     }
     ~Device() {
@@ -124,6 +132,7 @@ public:
     }
 
 private:
+    vesk::duvo::opcua::detail::ClientSecurity security_; // outlives the client, which calls it
     UA_Client* client_ = nullptr;
 };
 
@@ -321,7 +330,7 @@ CheckRow checkInterface(Device& device, const Common& common) {
 int checkCommand(int argc, char** argv) {
     Common common;
     po::options_description options("Options");
-    addCommonOptions(options, common, {true, false, true, true, true, false});
+    addCommonOptions(options, common, {true, false, true, true, true, true});
     const CommandLine line = parseCommandLine(
         "m2ctl check [NAME...] [options]\n"
         "Reads from the device (--endpoint, default " +
@@ -341,7 +350,8 @@ int checkCommand(int argc, char** argv) {
 
     const std::string endpoint = endpointOrDefault(common);
     authorityOf(endpoint);
-    Device device(endpoint, common.timeoutMs);
+    if (common.trustServer) trustServer(endpoint, common.security);
+    Device device(endpoint, common);
     if (!common.json) {
         std::printf("m2ctl check: %s\n%-9s %-30s %s\n", endpoint.c_str(), "KIND", "NAME", "RESULT");
         std::fflush(stdout);
