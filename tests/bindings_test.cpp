@@ -92,7 +92,7 @@ protected:
 using AllTypes = m2Types::rebind_t<::testing::Types, m2Types::DataTypes>;
 TYPED_TEST_SUITE(SampleBindingTest, AllTypes, duvo::test::TypeNames);
 
-TYPED_TEST(SampleBindingTest, default_sample_is_zero_keyless_and_one_value) {
+TYPED_TEST(SampleBindingTest, starts_empty_and_its_value_has_the_catalogue_type_and_shape_and_survives_wire_clone_and_copy) {
     using ST = typename TestFixture::ST;
     ST sample;
     EXPECT_EQ(sample.getDataValueCount(), 1u);
@@ -101,14 +101,10 @@ TYPED_TEST(SampleBindingTest, default_sample_is_zero_keyless_and_one_value) {
     expectSameValue(sample.getValue0(), typename TypeParam::value_type{});
     std::unique_ptr<TypeParam> key = sample.cloneKey();
     EXPECT_NE(dynamic_cast<ST*>(key.get()), nullptr);
-}
 
-TYPED_TEST(SampleBindingTest, value_has_the_catalogue_type_and_shape) {
-    using ST = typename TestFixture::ST;
     ASSERT_EQ(catalogueTypes().count(TypeParam::typeName), 1u) << "not in the catalogue";
     const Carried& row = catalogueTypes().at(TypeParam::typeName);
     EXPECT_EQ(std::string(ST::context), std::string("::m2Types::") + TypeParam::typeName + "." + row.field);
-    ST sample;
     sample.setValue0(duvo::test::makeValue<TypeParam>(5));
     const UA_DataValue* dv = sample.getOpcUaDataValues();
     EXPECT_TRUE(dv->hasValue);
@@ -118,20 +114,26 @@ TYPED_TEST(SampleBindingTest, value_has_the_catalogue_type_and_shape) {
     EXPECT_EQ(dv->value.storageType, UA_VARIANT_DATA_NODELETE);
     EXPECT_EQ(dv->value.arrayDimensionsSize, 0u);
     EXPECT_EQ(!UA_Variant_isScalar(&dv->value), row.array);
-    if (row.array) {
-        EXPECT_EQ(dv->value.arrayLength, TypeParam::nominalLength);
-    }
-}
+    if (row.array) EXPECT_EQ(dv->value.arrayLength, TypeParam::nominalLength);
 
-TYPED_TEST(SampleBindingTest, round_trip_through_binary_encoding) {
-    using ST = typename TestFixture::ST;
-    ST source;
-    source.setValue0(duvo::test::makeValue<TypeParam>(7));
     OwnedDataValue wire;
-    throughTheWire(*source.getOpcUaDataValues(), wire);
+    throughTheWire(*dv, wire);
     ST target;
     target.setOpcUaDataValues(&wire.value);
-    expectSameValue(target.getValue0(), source.getValue0());
+    expectSameValue(target.getValue0(), sample.getValue0());
+
+    std::unique_ptr<TypeParam> clone = sample.clone();
+    ASSERT_NE(dynamic_cast<ST*>(clone.get()), nullptr);
+    expectSameValue(clone->getValue0(), sample.getValue0());
+    ST copy;
+    copy.copy(*clone);
+    expectSameValue(copy.getValue0(), sample.getValue0());
+    // The clone's own representation is rebuilt from its own storage.
+    OwnedDataValue cloneWire;
+    throughTheWire(*dynamic_cast<ST*>(clone.get())->getOpcUaDataValues(), cloneWire);
+    ST cloneTarget;
+    cloneTarget.setOpcUaDataValues(&cloneWire.value);
+    expectSameValue(cloneTarget.getValue0(), sample.getValue0());
 }
 
 template <class T>
@@ -196,94 +198,59 @@ TYPED_TEST(SampleBindingTest, wrong_type_is_refused_and_value_kept) {
     expectSameValue(sample.getValue0(), before);
 }
 
-TYPED_TEST(SampleBindingTest, clone_and_copy_hold_the_value) {
-    using ST = typename TestFixture::ST;
-    ST source;
-    source.setValue0(duvo::test::makeValue<TypeParam>(13));
-    std::unique_ptr<TypeParam> clone = source.clone();
-    ASSERT_NE(dynamic_cast<ST*>(clone.get()), nullptr);
-    expectSameValue(clone->getValue0(), source.getValue0());
-
-    ST copy;
-    copy.copy(*clone);
-    expectSameValue(copy.getValue0(), source.getValue0());
-    // The clone's own representation is rebuilt from its own storage.
-    OwnedDataValue wire;
-    throughTheWire(*dynamic_cast<ST*>(clone.get())->getOpcUaDataValues(), wire);
-    ST target;
-    target.setOpcUaDataValues(&wire.value);
-    expectSameValue(target.getValue0(), source.getValue0());
-}
-
 // Shapes that need more than the catalogue gives.
-
-TEST(ScalarBinding, takes_the_first_element_of_an_array_and_refuses_an_empty_one) {
-    generated::opcua::m2Types::M2Int32Value0 sample;
-    sample.setValue0(-3);
+TEST(Binding, takes_a_scalar_from_an_array_any_string_count_and_never_converts_or_accepts_null_strings) {
+    UA_DataValue dv;
+    UA_DataValue_init(&dv);
+    // A scalar takes the first element of an array and refuses an empty one.
+    generated::opcua::m2Types::M2Int32Value0 number;
+    number.setValue0(-3);
     UA_Int32 values[] = {17, 18};
-    UA_DataValue dv;
-    UA_DataValue_init(&dv);
     UA_Variant_setArray(&dv.value, values, 2, &UA_TYPES[UA_TYPES_INT32]);
-    sample.setOpcUaDataValues(&dv);
-    EXPECT_EQ(sample.getValue0(), 17);
-
+    number.setOpcUaDataValues(&dv);
+    EXPECT_EQ(number.getValue0(), 17);
     UA_Variant_setArray(&dv.value, UA_EMPTY_ARRAY_SENTINEL, 0, &UA_TYPES[UA_TYPES_INT32]);
-    EXPECT_THROW(sample.setOpcUaDataValues(&dv), vesk::duvo::DuvoException);
-    EXPECT_EQ(sample.getValue0(), 17);
-}
+    EXPECT_THROW(number.setOpcUaDataValues(&dv), vesk::duvo::DuvoException);
+    EXPECT_EQ(number.getValue0(), 17);
 
-TEST(StringBinding, null_characters_with_a_length_are_refused) {
-    generated::opcua::m2Types::M2StringValue0 sample;
-    sample.setValue0("kept");
+    // Null characters with a length are refused, and the value is kept.
+    generated::opcua::m2Types::M2StringValue0 text;
+    text.setValue0("kept");
     UA_String broken{3, nullptr};
-    UA_DataValue dv;
-    UA_DataValue_init(&dv);
     UA_Variant_setScalar(&dv.value, &broken, &UA_TYPES[UA_TYPES_STRING]);
     try {
-        sample.setOpcUaDataValues(&dv);
-        FAIL() << "no exception";
+        text.setOpcUaDataValues(&dv);
+        ADD_FAILURE() << "no exception";
     } catch (const std::logic_error& e) {
         EXPECT_STREQ(e.what(), "basic_string: construction from null is not valid");
     }
-    EXPECT_EQ(sample.getValue0(), "kept");
+    EXPECT_EQ(text.getValue0(), "kept");
+    generated::opcua::m2Types::M2StringVector15 texts;
+    texts.setValue0({"a", "b"});
+    UA_String withBroken[] = {UA_STRING_STATIC("x"), broken};
+    UA_Variant_setArray(&dv.value, withBroken, 2, &UA_TYPES[UA_TYPES_STRING]);
+    EXPECT_THROW(texts.setOpcUaDataValues(&dv), std::logic_error);
+    EXPECT_EQ(texts.getValue0(), (std::vector<std::string>{"a", "b"}));
 
-    generated::opcua::m2Types::M2StringVector15 vector;
-    vector.setValue0({"a", "b"});
-    UA_String strings[] = {UA_STRING_STATIC("x"), broken};
-    UA_Variant_setArray(&dv.value, strings, 2, &UA_TYPES[UA_TYPES_STRING]);
-    EXPECT_THROW(vector.setOpcUaDataValues(&dv), std::logic_error);
-    EXPECT_EQ(vector.getValue0(), (std::vector<std::string>{"a", "b"}));
-}
+    // A string vector takes the length as it arrives.
+    std::vector<UA_String> strings(20, UA_STRING_STATIC("new"));
+    for (std::size_t n : {std::size_t(20), std::size_t(2)}) {
+        UA_Variant_setArray(&dv.value, strings.data(), n, &UA_TYPES[UA_TYPES_STRING]);
+        texts.setOpcUaDataValues(&dv);
+        EXPECT_EQ(texts.getValue0(), std::vector<std::string>(n, "new"));
+    }
 
-TEST(StringVectorBinding, takes_the_length_as_it_arrives) {
-    generated::opcua::m2Types::M2StringVector15 sample;
-    sample.setValue0(std::vector<std::string>(15, "old"));
-    std::vector<UA_String> strings(20);
-    for (auto& s : strings) s = UA_STRING_STATIC("new");
-    UA_DataValue dv;
-    UA_DataValue_init(&dv);
-    UA_Variant_setArray(&dv.value, strings.data(), strings.size(), &UA_TYPES[UA_TYPES_STRING]);
-    sample.setOpcUaDataValues(&dv);
-    EXPECT_EQ(sample.getValue0(), std::vector<std::string>(20, "new"));
-
-    UA_Variant_setArray(&dv.value, strings.data(), 2, &UA_TYPES[UA_TYPES_STRING]);
-    sample.setOpcUaDataValues(&dv);
-    EXPECT_EQ(sample.getValue0(), std::vector<std::string>(2, "new"));
-}
-
-TEST(VectorBinding, element_type_is_never_converted) {
-    generated::opcua::m2Types::M2FloatVector6 sample;
+    // The element type is never converted.
+    generated::opcua::m2Types::M2FloatVector6 floats;
     UA_Double doubles[] = {1.0, 2.0};
-    UA_DataValue dv;
-    UA_DataValue_init(&dv);
     UA_Variant_setArray(&dv.value, doubles, 2, &UA_TYPES[UA_TYPES_DOUBLE]);
     try {
-        sample.setOpcUaDataValues(&dv);
-        FAIL() << "no exception";
+        floats.setOpcUaDataValues(&dv);
+        ADD_FAILURE() << "no exception";
     } catch (const vesk::duvo::DuvoException& e) {
         EXPECT_STREQ(e.what(), "::m2Types::M2FloatVector6.value0: expected Float, received Double");
     }
-    EXPECT_TRUE(sample.getValue0().empty());
+    EXPECT_TRUE(floats.getValue0().empty());
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -15,11 +16,9 @@ namespace {
 
 using namespace vesk::duvo;
 
-TEST(Exceptions, all_are_runtime_errors) {
-    EXPECT_THROW(throw IllegalStateException("x"), DuvoException);
-    EXPECT_THROW(throw TimeoutException("x"), DuvoException);
-    EXPECT_THROW(throw DuvoException("x"), std::runtime_error);
-}
+// Every exception of the middleware is a DuvoException, and that a runtime error.
+static_assert(std::is_base_of_v<DuvoException, IllegalStateException> &&
+              std::is_base_of_v<DuvoException, TimeoutException> && std::is_base_of_v<std::runtime_error, DuvoException>);
 
 TEST(Util, timestamps_convert_both_ways) {
     EXPECT_EQ(util::timestampFromDouble(1.5), 1500);
@@ -62,6 +61,8 @@ TEST(Util, check_uri_names_the_uri_and_the_fault) {
     for (const Bad& bad : std::vector<Bad>{
              {"no scheme at all", false, false, "invalid URI"},
              {"opcua-ps:#ns=1;i=5", false, true, "no host"},
+             {"opcua-ps:///x#i=1", false, true, "no host"},
+             {"opcua-ps://h:x#i=1", false, true, "invalid URI"},
              {"opcua-ps://host:4840", false, true, "no fragment"},
              {"opcua-ps://host:4840#", false, true, "no fragment"},
              {"opcua-ps://host:4840#x", true, true, "no path"},

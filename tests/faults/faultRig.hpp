@@ -6,10 +6,13 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <future>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -20,6 +23,7 @@
 #include <duvo/opcua/detail/ps/subscriber.hpp>
 #include <generated/opcua/m2Types/m2Types.hpp>
 #include <generated/opcua/m2Types/rpc.hpp>
+#include <vesk/duvo/sim/faultProxy.hpp>
 
 #include "support/makeEntity.hpp"
 #include "support/simulatorFixture.hpp"
@@ -58,35 +62,26 @@ inline RrQoS replyTime(std::chrono::milliseconds ms) {
     return {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(ms)};
 }
 
-/// A series of measured times, printed as count, median and worst.
+/// Measured times, printed as count, median and worst when it goes: figures, never assertions.
 class Figures {
 public:
     explicit Figures(std::string name) : name_(std::move(name)) {}
-    ~Figures() { print(); }
+    ~Figures() {
+        if (values_.empty()) return;
+        std::sort(values_.begin(), values_.end());
+        std::printf("[figures] %-44s n=%-3zu median %8.1f ms  worst %8.1f ms\n", name_.c_str(), values_.size(),
+                    values_[values_.size() / 2], values_.back());
+        std::fflush(stdout);
+    }
     void add(double ms) {
         std::lock_guard<std::mutex> lock(mutex_);
         values_.push_back(ms);
     }
-    double worst() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return values_.empty() ? 0.0 : *std::max_element(values_.begin(), values_.end());
-    }
-    void print() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (values_.empty() || printed_) return;
-        printed_ = true;
-        std::vector<double> sorted = values_;
-        std::sort(sorted.begin(), sorted.end());
-        std::printf("[figures] %-44s n=%-3zu median %8.1f ms  worst %8.1f ms\n", name_.c_str(), sorted.size(),
-                    sorted[sorted.size() / 2], sorted.back());
-        std::fflush(stdout);
-    }
 
 private:
     std::string name_;
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     std::vector<double> values_;
-    mutable bool printed_ = false;
 };
 
 /// Writes an increasing counter to M2Int32Value0 every 2 ms, as a device would; writes while

@@ -1,17 +1,6 @@
 // Entities closed and destroyed from several threads while notifications, polls and replies
 // are in flight and the connection misbehaves underneath. Meant for the sanitizer builds:
 // what it asserts is that nothing crashes, hangs or reports an unknown failure.
-#include <atomic>
-#include <chrono>
-#include <random>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include <vesk/duvo/sim/faultProxy.hpp>
-
 #include "faults/faultRig.hpp"
 
 namespace duvo::faults {
@@ -67,9 +56,7 @@ TEST_F(Teardown, entities_go_in_any_order_while_the_connection_fails) {
                 std::atomic<int> delivered{0};
                 auto subscription = queued->subscribeAsync(
                     DataEventFilter<T>(), [&delivered](vesk::duvo::ps::Subscriber<T>&, const DataEvent<T>&) { ++delivered; });
-                auto publisher = std::make_shared<OpcUaPublisher<P, PT>>(psUri("M2FloatVector6", endpoint), PsQoS{},
-                                                                         Properties{}, own);
-                publisher->setState(EntityState::Initialized);
+                auto publisher = make<OpcUaPublisher<P, PT>>(psUri("M2FloatVector6", endpoint), {}, own);
                 auto caller = std::make_unique<AsyncClient>(rrUri("PsRpcSetpower", "RPC_SetPower", endpoint),
                                                             replyTime(std::chrono::milliseconds(20 + random() % 200)),
                                                             Properties{{"opc.asyncCallSubmitTimeoutMs", "100"}}, own);

@@ -23,17 +23,19 @@ void quiet(void*, UA_LogLevel level, UA_LogCategory, const char* msg, va_list ar
 }
 UA_Logger quietLogger{&quiet, nullptr, nullptr};
 
-UA_StatusCode add(UA_Server*, const UA_NodeId*, void*, const UA_NodeId*, void*, const UA_NodeId*, void*, size_t,
-                  const UA_Variant* input, size_t, UA_Variant* output) {
-    const UA_Int32 sum = *static_cast<UA_Int32*>(input[0].data) + *static_cast<UA_Int32*>(input[1].data);
-    return UA_Variant_setScalarCopy(output, &sum, &UA_TYPES[UA_TYPES_INT32]);
-}
-
 UA_StatusCode sleep(UA_Server*, const UA_NodeId*, void*, const UA_NodeId*, void*, const UA_NodeId*, void*, size_t,
                     const UA_Variant* input, size_t, UA_Variant* output) {
     const UA_UInt32 ms = *static_cast<UA_UInt32*>(input[0].data);
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
     return UA_Variant_setScalarCopy(output, &ms, &UA_TYPES[UA_TYPES_UINT32]);
+}
+
+sockaddr_in loopback(unsigned port) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    return a;
 }
 
 UA_Argument argument(const char* name, UA_UInt32 type) {
@@ -49,9 +51,7 @@ UA_Argument argument(const char* name, UA_UInt32 type) {
 
 unsigned freePort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in a = loopback(0);
     socklen_t len = sizeof a;
     if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
         throw std::runtime_error("no free port");
@@ -102,10 +102,7 @@ void TestServer::stop() {
 // A connection that opens and closes ends the server's wait for network events at once.
 void TestServer::poke() {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(port_);
+    sockaddr_in a = loopback(port_);
     ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
     ::close(fd);
 }
@@ -140,11 +137,6 @@ void TestServer::addNodes() {
                             UA_NODEID_NUMERIC(0, UA_NS0ID_BASEOBJECTTYPE), objectAttr, nullptr, nullptr);
     UA_MethodAttributes methodAttr = UA_MethodAttributes_default;
     methodAttr.executable = methodAttr.userExecutable = true;
-    UA_Argument addIn[2] = {argument("a", UA_TYPES_INT32), argument("b", UA_TYPES_INT32)};
-    UA_Argument addOut = argument("sum", UA_TYPES_INT32);
-    UA_Server_addMethodNode(server_, ns1("Methods.Add"), ns1("Methods"), UA_NODEID_NUMERIC(0, UA_NS0ID_HASCOMPONENT),
-                            UA_QUALIFIEDNAME(1, const_cast<char*>("Add")), methodAttr, &add, 2, addIn, 1, &addOut, nullptr,
-                            nullptr);
     UA_Argument sleepIn = argument("ms", UA_TYPES_UINT32);
     UA_Argument sleepOut = argument("slept", UA_TYPES_UINT32);
     UA_Server_addMethodNode(server_, ns1("Methods.Sleep"), ns1("Methods"), UA_NODEID_NUMERIC(0, UA_NS0ID_HASCOMPONENT),
@@ -178,19 +170,5 @@ int TestServer::itemsDeleted(const std::string& node) {
     std::lock_guard<std::mutex> lock(countsMutex_);
     return counts_[node].second;
 }
-
-SilentListener::SilentListener() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    // Never accepted: the kernel completes the handshakes, nobody reads.
-    if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd_, 16) != 0 ||
-        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) != 0)
-        throw std::runtime_error("cannot listen");
-    port_ = ntohs(a.sin_port);
-}
-
-SilentListener::~SilentListener() { ::close(fd_); }
 
 } // namespace duvo::test

@@ -11,8 +11,8 @@
 namespace duvo::test {
 
 /// Nodes (namespace 1): variables "Double", "Int32", "String"; object "Methods" with
-/// "Methods.Add" (Int32, Int32 -> Int32) and "Methods.Sleep" (UInt32 ms -> UInt32; sleeps
-/// that long in the server's thread, so the whole server is slow meanwhile).
+/// "Methods.Sleep" (UInt32 ms -> UInt32 ms; sleeps that long in the server's thread, so the
+/// whole server is slow meanwhile).
 class TestServer {
 public:
     TestServer();
@@ -44,18 +44,6 @@ private:
     std::atomic<bool> idle_{false};
     std::mutex countsMutex_;
     std::map<std::string, std::pair<int, int>> counts_;
-};
-
-/// A TCP port that accepts connections and never answers.
-class SilentListener {
-public:
-    SilentListener();
-    ~SilentListener();
-    std::string endpoint() const { return "opc.tcp://127.0.0.1:" + std::to_string(port_); }
-
-private:
-    int fd_;
-    unsigned port_;
 };
 
 /// A loopback port where nothing listens.

@@ -5,7 +5,6 @@
 #include <boost/url/rfc/unreserved_chars.hpp>
 
 #include <vesk/duvo/opcua/uriHelper.hpp>
-#include <vesk/duvo/util.hpp>
 
 namespace {
 
@@ -82,21 +81,6 @@ TEST(Uri, schemes_and_endpoints) {
     EXPECT_EQ(UriHelper::endpointOf("opcua-rr://user@plc.local:4841/ua/server?q=1#i=1,i=2"),
               "opc.tcp://user@plc.local:4841/ua/server");
     EXPECT_THROW(UriHelper::endpointOf("opcua-ps://h:port#i=1"), std::invalid_argument);
-}
-
-TEST(Uri, checkUri_refuses_what_an_entity_cannot_use) {
-    using vesk::duvo::util::checkUri;
-    EXPECT_NO_THROW(checkUri("opcua-ps://h:4840#i=1", false, true));
-    for (const std::string uri : {"opcua-ps:///x#i=1", "opcua-ps:#i=1", "opcua-ps://h", "opcua-ps://h#", "opcua-ps://h:x#i=1",
-                                  "opcua-ps://h#a%zz"}) {
-        try {
-            checkUri(uri, false, true);
-            ADD_FAILURE() << "accepted " << uri;
-        } catch (const std::invalid_argument& e) {
-            EXPECT_NE(std::string(e.what()).find(uri), std::string::npos) << e.what();
-        }
-    }
-    EXPECT_THROW(checkUri("opcua-ps://h#i=1", true, true), std::invalid_argument);
 }
 
 } // namespace

@@ -52,8 +52,8 @@ TEST(Time, maxDataTimestamp_takes_the_newest_source_time_only) {
     EXPECT_EQ(op::maxDataTimestamp(*response), 0.0);
 }
 
-TEST(Properties, absent_gives_default_present_converts) {
-    const std::map<std::string, std::string> props = {{"i", "250"}, {"neg", "-3"}, {"t", "TRUE"}, {"f", "false"},
+TEST(Properties, absent_gives_default_present_converts_and_a_bad_value_is_named) {
+    std::map<std::string, std::string> props = {{"i", "250"}, {"neg", "-3"}, {"t", "TRUE"}, {"f", "false"},
                                                       {"one", "1"}, {"zero", "0"}, {"d", "0.5"}};
     EXPECT_EQ(op::getDuvoProperty<int>(props, "missing", 1000), 1000);
     EXPECT_EQ(op::getDuvoProperty<int>(props, "i", 0), 250);
@@ -64,11 +64,9 @@ TEST(Properties, absent_gives_default_present_converts) {
     EXPECT_TRUE(op::getDuvoProperty<bool>(props, "one", false));
     EXPECT_FALSE(op::getDuvoProperty<bool>(props, "zero", true));
     EXPECT_EQ(op::getDuvoProperty<std::string>(props, "i", ""), "250");
-}
 
-TEST(Properties, values_that_do_not_convert_name_key_and_value) {
-    const std::map<std::string, std::string> props = {{"opc.ps.pollingPeriodMs", "abc"}, {"b", "yes"}, {"n", " 5"},
-                                                      {"big", "99999999999"}};
+    // Values that do not convert name the key and the value.
+    props = {{"opc.ps.pollingPeriodMs", "abc"}, {"b", "yes"}, {"n", " 5"}, {"big", "99999999999"}};
     const auto message = [&](auto read) {
         try {
             read();

@@ -14,7 +14,7 @@ void feed(KeyedSubscriber& sub, int key, int value, long sourceMs, long receptio
     sub.getImpl()->newData(keyed(key, value), timestampToDouble(sourceMs), 1, receptionMs);
 }
 
-TEST(QueuedQoS, latency_and_deadline_are_picked_by_type_and_the_last_wins) {
+TEST(QueuedQoS, latency_and_deadline_are_picked_by_type_the_last_wins_and_a_late_sample_is_discarded) {
     struct Other : qos::QoS {};
     KeyedSubscriber sub({std::make_shared<qos::Latency>(10ms), std::make_shared<Other>(),
                          std::make_shared<qos::Deadline>(20ms), std::make_shared<qos::Latency>(30ms)});
@@ -22,14 +22,13 @@ TEST(QueuedQoS, latency_and_deadline_are_picked_by_type_and_the_last_wins) {
     EXPECT_EQ(sub.getImpl()->getDeadlineMs(), 20);
     EXPECT_EQ(sub.getImpl()->getInstanceExpiryMs(), 50);
     EXPECT_EQ(KeyedSubscriber(QoSList{std::make_shared<qos::Deadline>(20ms)}).getImpl()->getInstanceExpiryMs(), 0);
-}
 
-TEST(QueuedQoS, a_sample_beyond_the_latency_is_discarded_on_arrival) {
-    KeyedSubscriber sub({std::make_shared<qos::Latency>(100ms)});
+    // A sample beyond the latency is discarded on arrival.
+    KeyedSubscriber latency({std::make_shared<qos::Latency>(100ms)});
     const long t0 = 1'000'000;
-    feed(sub, 1, 10, t0, t0 + 100); // exactly the limit: kept
-    feed(sub, 1, 11, t0, t0 + 101);
-    EXPECT_EQ(values(sub.read(0)), (std::vector<int>{10}));
+    feed(latency, 1, 10, t0, t0 + 100); // exactly the limit: kept
+    feed(latency, 1, 11, t0, t0 + 101);
+    EXPECT_EQ(values(latency.read(0)), (std::vector<int>{10}));
 }
 
 TEST(QueuedQoS, a_sample_older_than_the_deadline_is_discarded_and_queued_ones_are_purged) {

@@ -1,4 +1,5 @@
-// Waiting reads: timeouts, early wake-ups, and poll's dispatch to synchronous subscriptions.
+// Waiting reads: timeouts, early wake-ups, poll's dispatch to synchronous subscriptions, and
+// the most-recent-value store.
 #include "queue/queueSupport.hpp"
 
 namespace duvo::test {
@@ -12,9 +13,11 @@ TEST(QueuedWaits, readDataEvents_and_poll_wait_their_whole_timeout_when_nothing_
     auto start = std::chrono::steady_clock::now();
     sub.readDataEvents(filterFor(2), events, 1, 500ms);
     EXPECT_GE(elapsedMs(start), 500);
+    EXPECT_LE(elapsedMs(start), 1000);
     start = std::chrono::steady_clock::now();
     EXPECT_EQ(sub.poll(1, 500ms), 0u);
     EXPECT_GE(elapsedMs(start), 500);
+    EXPECT_LE(elapsedMs(start), 1000);
     EXPECT_TRUE(events.empty());
     EXPECT_EQ(sub.read(0).size(), 1u);
 }
@@ -85,6 +88,35 @@ TEST(QueuedWaits, poll_dispatches_later_events_from_its_waiting_loop_and_ends_at
     EXPECT_EQ(seen, (std::vector<int>{10, 11}));
     // Neither the queued event nor the later one is dispatched under the subscriber's lock.
     EXPECT_EQ(mayCallSubscriber, (std::vector<bool>{true, true}));
+}
+
+TEST(MrvStore, keeps_the_newest_sample_of_each_instance_and_a_keyless_one_and_checks_closed_before_the_timeout) {
+    queue::MapMrvSubscriber<Keyed, KeyedBinding> keyedStore;
+    keyedStore.newData(std::make_unique<KeyedBinding>(1, 10));
+    keyedStore.newData(std::make_unique<KeyedBinding>(2, 20));
+    keyedStore.newData(std::make_unique<KeyedBinding>(1, 11));
+    for (int round = 0; round < 2; ++round) { // a read returns the values again
+        std::vector<int> found = values(keyedStore.readMostRecent(0ms));
+        std::sort(found.begin(), found.end());
+        EXPECT_EQ(found, (std::vector<int>{11, 20}));
+    }
+
+    // A keyless type holds one sample, and every read sleeps its whole timeout.
+    queue::MapMrvSubscriber<Int32, Int32Binding> mrv;
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(mrv.readMostRecent(300ms).empty());
+    EXPECT_GE(elapsedMs(start), 300);
+    mrv.newData(int32(1));
+    mrv.newData(int32(2));
+    start = std::chrono::steady_clock::now();
+    EXPECT_EQ(values(mrv.readMostRecent(500ms)), (std::vector<int>{2}));
+    EXPECT_GE(elapsedMs(start), 500);
+
+    expectThrowWith<vesk::duvo::DuvoException>([&] { mrv.readMostRecent(-1ms); },
+                                               "negative timeout given to Mrv subscriber readMostRecent");
+    mrv.close();
+    expectThrowWith<vesk::duvo::IllegalStateException>([&] { mrv.readMostRecent(-1ms); },
+                                                       "ZpbMrvSubscriber already closed");
 }
 
 } // namespace

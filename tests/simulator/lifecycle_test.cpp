@@ -1,14 +1,18 @@
-// Starting, stopping and restarting the simulator, and where it listens.
+// Starting, stopping and restarting the simulator, where it listens, its animation, and the
+// fault proxy between a real client and it.
 #include <gtest/gtest.h>
+
+#include <vesk/duvo/sim/faultProxy.hpp>
 
 #include "simTestSupport.hpp"
 
 using namespace duvo::simtest;
+using vesk::duvo::sim::FaultProxy;
 using vesk::duvo::sim::Simulator;
 
 namespace {
 
-TEST(SimulatorLifecycle, restart_keeps_the_port_resets_values_and_keeps_records) {
+TEST(SimulatorLifecycle, restart_keeps_the_port_and_records_drops_connections_and_resets_values) {
     Simulator sim(quietOptions());
     EXPECT_FALSE(sim.running());
     sim.start();
@@ -17,7 +21,7 @@ TEST(SimulatorLifecycle, restart_keeps_the_port_resets_values_and_keeps_records)
     ASSERT_NE(port, 0);
     EXPECT_EQ(sim.endpoint(), "opc.tcp://127.0.0.1:" + std::to_string(port));
 
-    Client before;
+    Client before(2000);
     ASSERT_EQ(before.connect(sim.endpoint()), UA_STATUSCODE_GOOD);
     ASSERT_EQ(before.write("M2Int16Value0", scalar<short>(-5)), UA_STATUSCODE_GOOD);
     ASSERT_EQ(before.call("PsRpcSetpower", "RPC_SetPower", {scalar(true)}).status, UA_STATUSCODE_GOOD);
@@ -25,9 +29,10 @@ TEST(SimulatorLifecycle, restart_keeps_the_port_resets_values_and_keeps_records)
     sim.restart();
     ASSERT_TRUE(sim.running());
     EXPECT_EQ(sim.port(), port);
+    OwnedVariant value;
+    EXPECT_NE(before.read("M2Int32Value0", value), UA_STATUSCODE_GOOD); // the old connection is gone
     Client after;
     ASSERT_EQ(after.connect(sim.endpoint()), UA_STATUSCODE_GOOD);
-    OwnedVariant value;
     ASSERT_EQ(after.read("M2Int16Value0", value), UA_STATUSCODE_GOOD);
     EXPECT_EQ(value.at<UA_Int16>(), 0); // a fresh server
     EXPECT_EQ(sim.calls("PsRpcSetpower").count, 1u);
@@ -41,35 +46,7 @@ TEST(SimulatorLifecycle, restart_keeps_the_port_resets_values_and_keeps_records)
     sim.stop(); // stopping twice is harmless
 }
 
-TEST(SimulatorLifecycle, a_client_of_the_old_server_loses_its_connection_across_a_restart) {
-    Simulator sim(quietOptions());
-    sim.start();
-    Client client(2000);
-    ASSERT_EQ(client.connect(sim.endpoint()), UA_STATUSCODE_GOOD);
-    sim.restart();
-    // The first request after the restart sees the old connection gone.
-    OwnedVariant value;
-    EXPECT_NE(client.read("M2Int32Value0", value), UA_STATUSCODE_GOOD);
-}
-
-TEST(SimulatorLifecycle, a_busy_port_or_a_foreign_address_is_reported) {
-    Simulator first(quietOptions());
-    first.start();
-    auto options = quietOptions();
-    options.port = first.port();
-    options.logLevel = UA_LOGLEVEL_FATAL;
-    Simulator second(options);
-    EXPECT_THROW(second.start(), std::runtime_error);
-    EXPECT_FALSE(second.running());
-
-    options.port = 0;
-    options.bindAddress = "192.0.2.1"; // a documentation address, never this machine's
-    Simulator foreign(options);
-    EXPECT_THROW(foreign.start(), std::runtime_error);
-    EXPECT_FALSE(foreign.running());
-}
-
-TEST(SimulatorLifecycle, listens_only_on_its_bind_address) {
+TEST(SimulatorLifecycle, listens_only_on_its_bind_address_and_reports_a_busy_port_or_a_foreign_address) {
     auto options = quietOptions();
     options.bindAddress = "127.0.0.2";
     Simulator sim(options);
@@ -79,6 +56,81 @@ TEST(SimulatorLifecycle, listens_only_on_its_bind_address) {
     EXPECT_EQ(there.connect(sim.endpoint()), UA_STATUSCODE_GOOD);
     Client elsewhere(200);
     EXPECT_NE(elsewhere.connect("opc.tcp://127.0.0.1:" + std::to_string(sim.port())), UA_STATUSCODE_GOOD);
+
+    options.port = sim.port();
+    options.logLevel = UA_LOGLEVEL_FATAL;
+    for (const char* address : {"127.0.0.2", "192.0.2.1"}) { // busy; a documentation address, never this machine's
+        options.bindAddress = address;
+        Simulator refused(options);
+        EXPECT_THROW(refused.start(), std::runtime_error) << address;
+        EXPECT_FALSE(refused.running());
+        options.port = 0;
+    }
+}
+
+TEST(SimulatorLifecycle, animation_changes_variables_over_time) {
+    auto options = quietOptions();
+    options.animate = true;
+    options.animationPeriod = std::chrono::milliseconds(10);
+    Simulator sim(options);
+    sim.start();
+    EXPECT_TRUE(eventually([&] { return sim.read("M2Int32Value0").at<UA_Int32>() >= 2; }));
+    EXPECT_TRUE(eventually([&] { return sim.read("M2FloatVector6").at<UA_Float>(0) != 0.0f; }));
+}
+
+CallResult setPower(const Client& c) { return c.call("PsRpcSetpower", "RPC_SetPower", {scalar(true)}); }
+
+TEST(FaultProxy, passes_delays_silences_and_closes_as_told_and_follows_its_target_down) {
+    Simulator sim{quietOptions()};
+    sim.start();
+    FaultProxy proxy(sim.endpoint());
+    EXPECT_EQ(proxy.mode(), FaultProxy::Mode::PassThrough);
+    EXPECT_EQ(proxy.endpoint(), "opc.tcp://127.0.0.1:" + std::to_string(proxy.port()));
+    Client patient, hasty(300);
+    ASSERT_EQ(patient.connect(proxy.endpoint()), UA_STATUSCODE_GOOD);
+    ASSERT_EQ(hasty.connect(proxy.endpoint()), UA_STATUSCODE_GOOD);
+    EXPECT_EQ(proxy.connections(), 2u);
+    // A larger message than one read, in both directions.
+    std::vector<double> big(20000, 1.5);
+    ASSERT_EQ(patient.write("M2DoubleVector15", array(big.data(), big.size())), UA_STATUSCODE_GOOD);
+    OwnedVariant back;
+    ASSERT_EQ(patient.read("M2DoubleVector15", back), UA_STATUSCODE_GOOD);
+    EXPECT_EQ(back.arrayLength(), big.size());
+
+    proxy.delayReplies(std::chrono::milliseconds(250));
+    EXPECT_EQ(proxy.mode(), FaultProxy::Mode::Delay);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(setPower(patient).status, UA_STATUSCODE_GOOD);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(250));
+
+    proxy.blackhole();
+    start = std::chrono::steady_clock::now();
+    EXPECT_EQ(setPower(hasty).status, UA_STATUSCODE_BADTIMEOUT);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(sim.calls("PsRpcSetpower").count, 2u); // the silenced call reached the server
+    // The silenced connection is closed on leaving the mode, the idle one kept; a new one works.
+    proxy.passThrough();
+    EXPECT_TRUE(eventually([&] { return proxy.connections() == 1; }));
+    Client fresh(2000);
+    ASSERT_EQ(fresh.connect(proxy.endpoint()), UA_STATUSCODE_GOOD);
+    EXPECT_EQ(setPower(fresh).status, UA_STATUSCODE_GOOD);
+
+    // closeAll drops connections and refuses new ones until pass-through.
+    proxy.closeAll();
+    EXPECT_TRUE(eventually([&] { return proxy.connections() == 0; }));
+    EXPECT_NE(setPower(fresh).status, UA_STATUSCODE_GOOD);
+    Client refused(200);
+    EXPECT_NE(refused.connect(proxy.endpoint()), UA_STATUSCODE_GOOD);
+    proxy.passThrough();
+    Client again;
+    ASSERT_EQ(again.connect(proxy.endpoint()), UA_STATUSCODE_GOOD);
+    EXPECT_EQ(setPower(again).status, UA_STATUSCODE_GOOD);
+
+    // A target that is down closes the client's connection.
+    sim.stop();
+    Client late(200);
+    EXPECT_NE(late.connect(proxy.endpoint()), UA_STATUSCODE_GOOD);
+    EXPECT_TRUE(eventually([&] { return proxy.connections() == 0; }));
 }
 
 } // namespace

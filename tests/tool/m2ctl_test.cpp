@@ -1,17 +1,9 @@
-// m2ctl as a user runs it: a child process whose output and exit code are checked, against
-// the embedded simulator, an in-process one, and `m2ctl sim`.
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
+// m2ctl and m2-sim as a user runs them: child processes whose output and exit code are
+// checked, against the embedded simulator, an in-process one, and `m2ctl sim`.
 #include <chrono>
 #include <fstream>
 #include <regex>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -22,110 +14,24 @@
 #include <vesk/duvo/sim/simulator.hpp>
 
 #include "support/simulatorFixture.hpp"
-
-extern char** environ;
+#include "tool/program.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-struct Outcome {
-    int code = -1; // -1: killed, crashed or still running at the bound
-    std::string out;
-    std::string err;
-};
-
-/// m2ctl (or another program) with the arguments and extra environment, its stdout and
-/// stderr on pipes.
-class Program {
-public:
-    explicit Program(std::vector<std::string> args, const std::vector<std::string>& env = {},
-                     const char* program = M2CTL_PROGRAM) {
-        int out[2], err[2];
-        // Close-on-exec, so that no other child holds these pipes open.
-        if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-        for (int fd : {out[0], out[1], err[0], err[1]}) posix_spawn_file_actions_addclose(&actions, fd);
-        args.insert(args.begin(), program);
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        std::vector<std::string> variables(env);
-        for (char** e = environ; *e; ++e) variables.emplace_back(*e);
-        std::vector<char*> envp;
-        for (auto& v : variables) envp.push_back(v.data());
-        envp.push_back(nullptr);
-        const int rc = posix_spawn(&pid_, program, &actions, nullptr, argv.data(), envp.data());
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(out[1]);
-        ::close(err[1]);
-        fds_[0] = out[0];
-        fds_[1] = err[0];
-        if (rc != 0) throw std::runtime_error("cannot start m2ctl");
-    }
-    ~Program() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
-        for (int fd : fds_)
-            if (fd >= 0) ::close(fd);
-    }
-
-    /// The next line of stdout (without the newline), or what came before EOF or the bound.
-    std::string readLine(std::chrono::milliseconds bound = 10s) {
-        const auto deadline = std::chrono::steady_clock::now() + bound;
-        while (std::chrono::steady_clock::now() < deadline && outcome_.out.find('\n') == std::string::npos &&
-               fds_[0] >= 0)
-            pump(50);
-        const auto newline = outcome_.out.find('\n');
-        std::string line = outcome_.out.substr(0, newline);
-        outcome_.out.erase(0, newline == std::string::npos ? std::string::npos : newline + 1);
-        return line;
-    }
-
-    void signal(int sig) { ::kill(pid_, sig); }
-
-    /// Everything it writes until it exits, and its exit code.
-    Outcome finish(std::chrono::milliseconds bound = 30s) {
-        const auto deadline = std::chrono::steady_clock::now() + bound;
-        while (std::chrono::steady_clock::now() < deadline && (fds_[0] >= 0 || fds_[1] >= 0)) pump(50);
-        int status = 0;
-        while (std::chrono::steady_clock::now() < deadline && ::waitpid(pid_, &status, WNOHANG) != pid_) ::usleep(2000);
-        if (WIFEXITED(status) && std::chrono::steady_clock::now() < deadline) {
-            outcome_.code = WEXITSTATUS(status);
-            pid_ = -1;
-        }
-        return outcome_;
-    }
-
-private:
-    void pump(int timeoutMs) {
-        pollfd p[2] = {{fds_[0], POLLIN, 0}, {fds_[1], POLLIN, 0}};
-        if (::poll(p, 2, timeoutMs) <= 0) return;
-        for (int i = 0; i < 2; ++i) {
-            if (fds_[i] < 0 || !(p[i].revents & (POLLIN | POLLHUP))) continue;
-            char buffer[4096];
-            const ssize_t n = ::read(fds_[i], buffer, sizeof buffer);
-            if (n > 0) {
-                (i == 0 ? outcome_.out : outcome_.err).append(buffer, std::size_t(n));
-            } else {
-                ::close(fds_[i]);
-                fds_[i] = -1;
-            }
-        }
-    }
-
-    pid_t pid_ = -1;
-    int fds_[2] = {-1, -1};
-    Outcome outcome_;
-};
+using duvo::test::Outcome;
+using duvo::test::Program;
 
 Outcome run(std::vector<std::string> args, const std::vector<std::string>& env = {}) {
-    return Program(std::move(args), env).finish();
+    return Program(M2CTL_PROGRAM, std::move(args), env).finish();
+}
+
+/// The words of a command line.
+std::vector<std::string> words(const std::string& line) {
+    std::istringstream in(line);
+    std::vector<std::string> out;
+    for (std::string w; in >> w;) out.push_back(w);
+    return out;
 }
 
 /// A file in the test's temporary folder with the text.
@@ -142,13 +48,11 @@ std::vector<std::string> lines(const std::string& text) {
     return out;
 }
 
-/// The line that begins with the word followed by a blank, or "".
+/// The line whose first or second word is the word, or "".
 std::string lineOf(const std::string& text, const std::string& word) {
     for (const auto& line : lines(text)) {
-        std::istringstream words(line);
-        std::string first, second;
-        words >> first >> second;
-        if (first == word || second == word) return line;
+        const auto w = words(line);
+        if ((!w.empty() && w[0] == word) || (w.size() > 1 && w[1] == word)) return line;
     }
     return {};
 }
@@ -159,13 +63,9 @@ std::size_t count(const std::string& text, const std::string& what) {
     return n;
 }
 
-template <class... Ts>
-std::vector<std::string> typeNames(m2Types::TypeList<Ts...>) {
-    return {Ts::typeName...};
-}
-template <class... Ts>
-std::vector<std::string> interfaceNames(m2Types::TypeList<Ts...>) {
-    return {Ts::interfaceName...};
+template <class... Ts, class... Is>
+std::vector<std::pair<std::string, std::string>> catalogue(m2Types::TypeList<Ts...>, m2Types::TypeList<Is...>) {
+    return {{"type", Ts::typeName}..., {"interface", Is::interfaceName}...};
 }
 
 /// A failure is one line on stderr, "m2ctl: " and the message.
@@ -175,37 +75,30 @@ void expectOneErrorLine(const Outcome& o, const std::string& part) {
     EXPECT_NE(o.err.find(part), std::string::npos) << o.err;
 }
 
-TEST(M2ctlTour, publishes_reads_back_and_calls_everything_on_the_embedded_simulator) {
+TEST(M2ctlTour, publishes_reads_back_and_calls_everything_on_the_embedded_simulator_as_text_and_json) {
     const Outcome o = run({"tour"});
     ASSERT_EQ(o.code, 0) << o.out << o.err;
     EXPECT_EQ(o.err, "");
-    for (const auto& name : typeNames(m2Types::DataTypes{})) {
+    for (const auto& [kind, name] : catalogue(m2Types::DataTypes{}, m2Types::Interfaces{})) {
         const std::string line = lineOf(o.out, name);
-        EXPECT_EQ(line.rfind("type", 0), 0u) << name << " missing:\n" << o.out;
-        EXPECT_NE(line.find(" ok "), std::string::npos) << line;
-    }
-    for (const auto& name : interfaceNames(m2Types::Interfaces{})) {
-        const std::string line = lineOf(o.out, name);
-        EXPECT_EQ(line.rfind("interface", 0), 0u) << name << " missing:\n" << o.out;
+        EXPECT_EQ(line.rfind(kind, 0), 0u) << name << " missing:\n" << o.out;
         EXPECT_NE(line.find(" ok "), std::string::npos) << line;
     }
     EXPECT_NE(o.out.find("47 of 47 passed"), std::string::npos) << o.out;
+
+    const Outcome json = run({"tour", "--json"});
+    ASSERT_EQ(json.code, 0) << json.out << json.err;
+    EXPECT_EQ(json.out.front(), '{');
+    EXPECT_EQ(count(json.out, "{"), count(json.out, "}"));
+    EXPECT_EQ(count(json.out, "["), count(json.out, "]"));
+    EXPECT_EQ(count(json.out, "\"kind\":\"type\""), 24u);
+    EXPECT_EQ(count(json.out, "\"kind\":\"interface\""), 23u);
+    EXPECT_EQ(count(json.out, "\"ok\":true"), 47u);
+    EXPECT_NE(json.out.find("\"passed\":47,\"failed\":0"), std::string::npos) << json.out;
+    EXPECT_NE(json.out.find("\"embeddedSimulator\":true"), std::string::npos);
 }
 
-TEST(M2ctlTour, json_has_one_row_per_entity_and_the_counts) {
-    const Outcome o = run({"tour", "--json"});
-    ASSERT_EQ(o.code, 0) << o.out << o.err;
-    EXPECT_EQ(o.out.front(), '{');
-    EXPECT_EQ(count(o.out, "{"), count(o.out, "}"));
-    EXPECT_EQ(count(o.out, "[") - count(o.out, "]"), 0u);
-    EXPECT_EQ(count(o.out, "\"kind\":\"type\""), 24u);
-    EXPECT_EQ(count(o.out, "\"kind\":\"interface\""), 23u);
-    EXPECT_EQ(count(o.out, "\"ok\":true"), 47u);
-    EXPECT_NE(o.out.find("\"passed\":47,\"failed\":0"), std::string::npos) << o.out;
-    EXPECT_NE(o.out.find("\"embeddedSimulator\":true"), std::string::npos);
-}
-
-TEST(M2ctlList, shows_every_type_with_its_shape_and_every_interface_with_its_arguments) {
+TEST(M2ctlList, shows_every_shape_and_argument_list_and_every_command_explains_itself) {
     const Outcome o = run({"list"});
     ASSERT_EQ(o.code, 0) << o.err;
     EXPECT_NE(lineOf(o.out, "M2FloatVector6").find("Float    array  6       ns=1;s=M2FloatVector6"), std::string::npos);
@@ -223,106 +116,52 @@ TEST(M2ctlList, shows_every_type_with_its_shape_and_every_interface_with_its_arg
     EXPECT_NE(
         json.out.find("\"uri\":\"opcua-rr://device:4841#ns=1;s=PsRpcSetpower,ns=1;s=PsRpcSetpower.RPC_SetPower\""),
         std::string::npos);
-}
 
-TEST(M2ctlHelp, every_command_explains_itself) {
     for (const std::string command : {"list", "pub", "sub", "call", "sim", "tour", "check"}) {
-        const Outcome o = run({command, "--help"});
-        EXPECT_EQ(o.code, 0) << command;
-        EXPECT_EQ(o.out.rfind("Usage: m2ctl " + command, 0), 0u) << o.out;
+        const Outcome help = run({command, "--help"});
+        EXPECT_EQ(help.code, 0) << command;
+        EXPECT_EQ(help.out.rfind("Usage: m2ctl " + command, 0), 0u) << help.out;
     }
     EXPECT_EQ(run({"--help"}).code, 0);
 }
 
-/// Bad command lines exit with 2, unreachable servers with 1; always one line on stderr.
-struct ErrorCase {
-    std::string name;
-    std::vector<std::string> args;
-    int code;
-    std::string message;
-};
-
-// Test names show the command line, not the bytes of the case.
-void PrintTo(const ErrorCase& c, std::ostream* os) {
-    *os << "m2ctl";
-    for (const auto& a : c.args) *os << ' ' << a;
+TEST(M2ctlErrors, bad_command_lines_exit_2_unreachable_servers_1_always_with_one_line_on_stderr) {
+    const std::string unreachable = " --endpoint opc.tcp://127.0.0.1:1 --timeout 300";
+    const struct {
+        std::string line;
+        int code;
+        std::string message;
+    } table[] = {
+        {"", 2, "no command given"},
+        {"frobnicate", 2, "unknown command \"frobnicate\""},
+        {"pub M2NoSuchType 1", 2, "unknown type \"M2NoSuchType\""},
+        {"call NoSuchInterface 1", 2, "unknown interface \"NoSuchInterface\""},
+        {"pub M2Uint8Value0 256", 2, "bad value \"256\" for M2Uint8Value0: out of range for Byte (0 to 255)"},
+        {"pub M2Uint8Value0 -1", 2, "out of range for Byte"},
+        {"pub M2Int16Value0 32768", 2, "out of range for Int16 (-32768 to 32767)"},
+        {"pub M2FloatValue0 1e39", 2, "out of range for Float"},
+        {"pub M2Int32Value0 12abc", 2, "bad value \"12abc\" for M2Int32Value0: not an integer"},
+        {"pub M2DoubleVector6 1,x,3", 2, "M2DoubleVector6 element 1: not a number"},
+        {"pub M2BooleanValue0 yes", 2, "expected true, false, 1 or 0"},
+        {"pub M2Int32Value0 1 2", 2, "M2Int32Value0 takes one Int32 value, got 2"},
+        {"call PsRpcLegPositionSetpointAds 1,2,3", 2, "PsRpcLegPositionSetpointAds takes 6 values (Double x6), got 3"},
+        {"call OpRpcSystemBuiltInTest 1 2 -40000", 2, "argument 3: out of range for Int16"},
+        {"sub M2Int32Value0 --mode stream", 2, "bad mode \"stream\""},
+        {"pub M2Int32Value0 1 --frequency 2", 2, "unrecognised option '--frequency'"},
+        {"pub M2Int32Value0 1 --endpoint http://device", 2, "bad endpoint \"http://device\""},
+        {"pub M2Int32Value0 1 --uri opcua-ps://127.0.0.1:1", 2, "opcua-ps://127.0.0.1:1"},
+        {"pub M2Int32Value0 1" + unreachable, 1, "cannot connect to opc.tcp://127.0.0.1:1 within 300 ms"},
+        {"sub M2Int32Value0" + unreachable, 1, "cannot connect"},
+        {"call PsRpcSetpower true" + unreachable, 1, "cannot connect"},
+        {"tour" + unreachable, 1, "cannot connect"},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE("m2ctl " + row.line);
+        const Outcome o = run(words(row.line));
+        EXPECT_EQ(o.code, row.code) << o.out << o.err;
+        expectOneErrorLine(o, row.message);
+    }
 }
-
-class M2ctlErrors : public ::testing::TestWithParam<ErrorCase> {};
-
-TEST_P(M2ctlErrors, exit_non_zero_with_one_line_on_stderr) {
-    const Outcome o = run(GetParam().args);
-    EXPECT_EQ(o.code, GetParam().code) << o.out << o.err;
-    expectOneErrorLine(o, GetParam().message);
-}
-
-const std::string unreachable = "opc.tcp://127.0.0.1:1";
-
-INSTANTIATE_TEST_SUITE_P(
-    BadCommandLines, M2ctlErrors,
-    ::testing::Values(
-        ErrorCase{"no_command", {}, 2, "no command given"},
-        ErrorCase{"unknown_command", {"frobnicate"}, 2, "unknown command \"frobnicate\""},
-        ErrorCase{"unknown_type", {"pub", "M2NoSuchType", "1"}, 2, "unknown type \"M2NoSuchType\""},
-        ErrorCase{"unknown_interface", {"call", "NoSuchInterface", "1"}, 2, "unknown interface \"NoSuchInterface\""},
-        ErrorCase{"byte_above_range",
-                  {"pub", "M2Uint8Value0", "256"},
-                  2,
-                  "bad value \"256\" for M2Uint8Value0: out of range for Byte (0 to 255)"},
-        ErrorCase{"byte_below_range", {"pub", "M2Uint8Value0", "-1"}, 2, "out of range for Byte"},
-        ErrorCase{
-            "int16_above_range", {"pub", "M2Int16Value0", "32768"}, 2, "out of range for Int16 (-32768 to 32767)"},
-        ErrorCase{"float_above_range", {"pub", "M2FloatValue0", "1e39"}, 2, "out of range for Float"},
-        ErrorCase{"not_an_integer",
-                  {"pub", "M2Int32Value0", "12abc"},
-                  2,
-                  "bad value \"12abc\" for M2Int32Value0: not an integer"},
-        ErrorCase{"not_a_number_in_a_vector",
-                  {"pub", "M2DoubleVector6", "1,x,3"},
-                  2,
-                  "M2DoubleVector6 element 1: not a number"},
-        ErrorCase{"bool_word", {"pub", "M2BooleanValue0", "yes"}, 2, "expected true, false, 1 or 0"},
-        ErrorCase{"two_values_for_a_scalar",
-                  {"pub", "M2Int32Value0", "1", "2"},
-                  2,
-                  "M2Int32Value0 takes one Int32 value, got 2"},
-        ErrorCase{"wrong_ads_count",
-                  {"call", "PsRpcLegPositionSetpointAds", "1,2,3"},
-                  2,
-                  "PsRpcLegPositionSetpointAds takes 6 values (Double x6), got 3"},
-        ErrorCase{"int16_argument_below_range",
-                  {"call", "OpRpcSystemBuiltInTest", "1", "2", "-40000"},
-                  2,
-                  "argument 3: out of range for Int16"},
-        ErrorCase{"unknown_mode", {"sub", "M2Int32Value0", "--mode", "stream"}, 2, "bad mode \"stream\""},
-        ErrorCase{"unknown_option",
-                  {"pub", "M2Int32Value0", "1", "--frequency", "2"},
-                  2,
-                  "unrecognised option '--frequency'"},
-        ErrorCase{"bad_endpoint",
-                  {"pub", "M2Int32Value0", "1", "--endpoint", "http://device"},
-                  2,
-                  "bad endpoint \"http://device\""},
-        ErrorCase{"uri_without_node",
-                  {"pub", "M2Int32Value0", "1", "--uri", "opcua-ps://127.0.0.1:1"},
-                  2,
-                  "opcua-ps://127.0.0.1:1"}),
-    [](const auto& info) { return info.param.name; });
-
-INSTANTIATE_TEST_SUITE_P(
-    UnreachableEndpoints, M2ctlErrors,
-    ::testing::Values(
-        ErrorCase{"pub",
-                  {"pub", "M2Int32Value0", "1", "--endpoint", unreachable, "--timeout", "300"},
-                  1,
-                  "cannot connect to opc.tcp://127.0.0.1:1 within 300 ms"},
-        ErrorCase{"sub", {"sub", "M2Int32Value0", "--endpoint", unreachable, "--timeout", "300"}, 1, "cannot connect"},
-        ErrorCase{"call",
-                  {"call", "PsRpcSetpower", "true", "--endpoint", unreachable, "--timeout", "300"},
-                  1,
-                  "cannot connect"},
-        ErrorCase{"tour", {"tour", "--endpoint", unreachable, "--timeout", "300"}, 1, "cannot connect"}),
-    [](const auto& info) { return info.param.name; });
 
 /// Commands against a simulator in this process, which shows what arrived.
 class M2ctlOnSimulator : public duvo::test::SimulatorSuite {
@@ -334,7 +173,7 @@ protected:
     }
 };
 
-TEST_F(M2ctlOnSimulator, pub_writes_the_parsed_value_that_sub_reads_back_in_every_mode) {
+TEST_F(M2ctlOnSimulator, pub_writes_the_parsed_value_and_time_that_sub_reads_back_in_every_mode) {
     Outcome o = m2ctl({"pub", "M2FloatVector6", "1.5,-2, 3,4,5,6.25"});
     ASSERT_EQ(o.code, 0) << o.err;
     const auto written = simulator->read("M2FloatVector6");
@@ -359,11 +198,10 @@ TEST_F(M2ctlOnSimulator, pub_writes_the_parsed_value_that_sub_reads_back_in_ever
     EXPECT_NE(o.out.find("M2Int16Value0 = -32768"), std::string::npos) << o.out << o.err;
     o = m2ctl({"sub", "M2StringVector15", "--count", "1", "--duration", "5", "--json"});
     EXPECT_NE(o.out.find("\"value\":[\"a b\",\"\",\"c,d\"]"), std::string::npos) << o.out << o.err;
-}
 
-TEST_F(M2ctlOnSimulator, pub_timestamp_becomes_the_source_time_that_sub_prints) {
+    // pub's timestamp becomes the source time that sub prints.
     ASSERT_EQ(m2ctl({"pub", "M2Int32Value0", "-7", "--timestamp", "1700000000.5"}).code, 0);
-    const Outcome o = m2ctl({"sub", "M2Int32Value0", "--count", "1", "--duration", "5", "--json"});
+    o = m2ctl({"sub", "M2Int32Value0", "--count", "1", "--duration", "5", "--json"});
     ASSERT_EQ(o.code, 0) << o.err;
     EXPECT_EQ(o.out, "{\"type\":\"M2Int32Value0\",\"sourceTime\":\"2023-11-14T22:13:20.500Z\",\"value\":-7}\n");
 }
@@ -388,7 +226,7 @@ TEST_F(M2ctlOnSimulator, sub_fails_when_fewer_samples_than_counted_arrive_in_tim
     expectOneErrorLine(o, "BadNodeIdUnknown");
 }
 
-TEST_F(M2ctlOnSimulator, call_sends_the_parsed_arguments_sync_and_async) {
+TEST_F(M2ctlOnSimulator, call_sends_the_parsed_arguments_sync_and_async_and_call_and_tour_fail_on_false_or_refused) {
     Outcome o = m2ctl({"call", "OpRpcSystemBuiltInTest", "7", "-2", "300"});
     ASSERT_EQ(o.code, 0) << o.err;
     EXPECT_NE(o.out.find("OpRpcSystemBuiltInTest.RPC_BuiltInTest(7, -2, 300) -> true"), std::string::npos) << o.out;
@@ -412,13 +250,12 @@ TEST_F(M2ctlOnSimulator, call_sends_the_parsed_arguments_sync_and_async) {
     record = simulator->calls("PsRpcLegPositionSetpoint");
     ASSERT_TRUE(record.lastArguments[0].hasType(&UA_TYPES[UA_TYPES_DOUBLE]));
     EXPECT_EQ(record.lastArguments[0].arrayLength(), 3u);
-}
 
-TEST_F(M2ctlOnSimulator, call_and_tour_fail_on_a_false_result_or_a_refused_write) {
+    // call and tour fail on a false result or a refused write.
     vesk::duvo::sim::Reply no;
     no.result = false;
     simulator->setReply("WhRpcSetpower", no);
-    Outcome o = m2ctl({"call", "WhRpcSetpower", "1"});
+    o = m2ctl({"call", "WhRpcSetpower", "1"});
     EXPECT_EQ(o.code, 1);
     EXPECT_NE(o.out.find("-> false"), std::string::npos) << o.out;
     expectOneErrorLine(o, "WhRpcSetpower.RPC_SetPower returned false");
@@ -514,7 +351,7 @@ TEST_F(M2ctlOnSimulator, check_conforms_and_names_each_planted_fault) {
 
 TEST(MiddlewareLogging, without_a_set_up_warnings_and_errors_go_to_stderr_in_one_line_format) {
     const std::regex line(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} (WARN |ERROR) orsa\.duvo\.opcua\.[a-z]+: .+)");
-    const auto probe = [](const std::vector<std::string>& env) { return Program({}, env, LOGGING_PROBE).finish(); };
+    const auto probe = [](const std::vector<std::string>& env) { return Program(LOGGING_PROBE, {}, env).finish(); };
 
     Outcome o = probe({});
     EXPECT_EQ(o.code, 0) << o.err;
@@ -560,17 +397,31 @@ TEST(MiddlewareLogging, without_a_set_up_warnings_and_errors_go_to_stderr_in_one
         << traced.str();
 }
 
-TEST(M2ctlSim, serves_until_sigterm_after_printing_its_ready_line) {
-    Program sim({"sim", "--port", "0"});
-    const std::string line = sim.readLine();
-    const std::string prefix = "ready opc.tcp://127.0.0.1:";
-    ASSERT_EQ(line.rfind(prefix, 0), 0u) << line;
-    const std::string endpoint = line.substr(std::string("ready ").size());
-
-    const Outcome o = run({"call", "PsRpcSetpower", "true", "--endpoint", endpoint});
-    EXPECT_EQ(o.code, 0) << o.err;
-    sim.signal(SIGTERM);
-    EXPECT_EQ(sim.finish(10s).code, 0);
+TEST(SimPrograms, serve_after_their_ready_line_until_sigterm_or_sigint_and_refuse_an_unknown_option) {
+    const struct {
+        const char* program;
+        std::vector<std::string> args;
+        int sig;
+    } runs[] = {{M2CTL_PROGRAM, {"sim", "--port", "0"}, SIGTERM},
+                {M2_SIM_PROGRAM, {"--port", "0"}, SIGTERM},
+                {M2_SIM_PROGRAM, {"--port", "0"}, SIGINT}};
+    const std::regex ready(R"(ready (opc\.tcp://127\.0\.0\.1:[1-9][0-9]*))");
+    for (const auto& r : runs) {
+        SCOPED_TRACE(std::string(r.program) + " signal " + std::to_string(r.sig));
+        Program sim(r.program, r.args);
+        const std::string line = sim.readLine();
+        std::smatch endpoint;
+        ASSERT_TRUE(std::regex_match(line, endpoint, ready)) << line;
+        const Outcome o = run({"call", "WhRpcSetpower", "true", "--endpoint", endpoint[1].str()});
+        EXPECT_EQ(o.code, 0) << o.err;
+        sim.signal(r.sig);
+        const Outcome end = sim.finish(10s);
+        EXPECT_EQ(end.code, 0);
+        EXPECT_EQ(end.out, ""); // nothing more on stdout
+    }
+    const Outcome refused = Program(M2_SIM_PROGRAM, {"--no-such-option"}).finish(10s);
+    EXPECT_EQ(refused.code, 2);
+    EXPECT_EQ(refused.out, "");
 }
 
 TEST(M2ctlSecurity, an_untrusted_server_or_a_refused_user_is_one_line_and_no_password_is_shown) {

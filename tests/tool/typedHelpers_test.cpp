@@ -72,18 +72,8 @@ TEST_F(TypedHelpers, create_every_kind_of_entity_bound_to_this_middleware) {
     EXPECT_EQ(simulator->calls("PsRpcSetpower").count, before + 2);
 }
 
-TEST_F(TypedHelpers, entities_read_the_middleware_properties) {
-    const auto polling = std::make_shared<OpcUaDuvo>(
-        OpcUaDuvo::Properties{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "often"}});
-    try {
-        polling->createSubscriber<m2Types::M2Int32Value0>(psUri("M2Int32Value0"));
-        FAIL() << "the property was not read";
-    } catch (const std::runtime_error& e) {
-        EXPECT_NE(std::string(e.what()).find("opc.ps.pollingPeriodMs"), std::string::npos) << e.what();
-    }
-}
-
-TEST_F(TypedHelpers, find_the_plug_in_next_to_the_binding_library_or_where_the_property_says) {
+TEST_F(TypedHelpers, find_the_plug_in_read_the_properties_and_refuse_clearly_what_they_cannot_create) {
+    // The plug-in is next to the binding library, or where the property says.
     EXPECT_EQ(duvo->pluginLoader().path(), M2TYPES_PLUGIN_FILE);
     const std::string file = M2TYPES_PLUGIN_FILE;
     const auto byFolder =
@@ -91,9 +81,16 @@ TEST_F(TypedHelpers, find_the_plug_in_next_to_the_binding_library_or_where_the_p
     EXPECT_EQ(byFolder->pluginLoader().path(), file);
     EXPECT_EQ(OpcUaDuvo::entryPointName("Client", "PsRpcSetpowerSync"),
               "generated_opcua_Client_m2Types_PsRpcSetpowerSync");
-}
 
-TEST_F(TypedHelpers, refuse_with_a_clear_error_what_they_cannot_create) {
+    const auto polling = std::make_shared<OpcUaDuvo>(
+        OpcUaDuvo::Properties{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "often"}});
+    try {
+        polling->createSubscriber<m2Types::M2Int32Value0>(psUri("M2Int32Value0"));
+        ADD_FAILURE() << "the property was not read";
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("opc.ps.pollingPeriodMs"), std::string::npos) << e.what();
+    }
+
     try {
         duvo->createDataEntity<NotInModule>();
         FAIL() << "an entry point that does not exist was found";

@@ -17,10 +17,6 @@
 #include <vector>
 
 #include <dlfcn.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <log4cplus/logger.h>
@@ -33,7 +29,7 @@
 #include <m2Types/m2Types.hpp>
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
 
-extern char** environ;
+#include "tool/program.hpp"
 
 namespace {
 std::atomic<long> allocations{0};
@@ -83,46 +79,15 @@ using namespace std::chrono_literals;
 using Matrix = m2Types::M2DoubleMatrix36;
 using MatrixBinding = generated::opcua::m2Types::M2DoubleMatrix36;
 
-/// m2-sim on a free port, stopped with SIGTERM.
-class SimProcess {
-public:
-    SimProcess() {
-        int out[2];
-        if (pipe(out) != 0) throw std::runtime_error("pipe");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addclose(&actions, out[0]);
-        char* argv[] = {const_cast<char*>(M2_SIM_PATH), const_cast<char*>("--port"), const_cast<char*>("0"), nullptr};
-        const int rc = posix_spawn(&pid_, M2_SIM_PATH, &actions, nullptr, argv, environ);
-        posix_spawn_file_actions_destroy(&actions);
-        close(out[1]);
-        if (rc != 0) throw std::runtime_error("cannot start m2-sim");
-        std::string line;
-        char c;
-        while (read(out[0], &c, 1) == 1 && c != '\n') line += c;
-        close(out[0]);
-        if (line.rfind("ready opc.tcp://", 0) != 0) throw std::runtime_error("m2-sim did not start: " + line);
-        authority_ = line.substr(std::strlen("ready opc.tcp://"));
-    }
-    ~SimProcess() {
-        kill(pid_, SIGTERM);
-        int status = 0;
-        waitpid(pid_, &status, 0);
-    }
-    std::string uri(const std::string& variable) const { return "opcua-ps://" + authority_ + "#ns=1;s=" + variable; }
-    std::string endpoint() const { return "opc.tcp://" + authority_; }
-
-private:
-    pid_t pid_ = -1;
-    std::string authority_;
-};
-
 class ZeroCopy : public ::testing::Test {
 public:
+    /// m2-sim on a free port, so that only the client's allocations are in this process.
     static void SetUpTestSuite() {
         log4cplus::Logger::getRoot().addAppender(log4cplus::SharedAppenderPtr(new log4cplus::NullAppender()));
-        sim = new SimProcess();
+        sim = new duvo::test::Program(M2_SIM_PATH, {"--port", "0"});
+        const std::string line = sim->readLine();
+        if (line.rfind("ready opc.tcp://", 0) != 0) throw std::runtime_error("m2-sim did not start: " + line);
+        authority = line.substr(std::strlen("ready opc.tcp://"));
     }
     static void TearDownTestSuite() {
         delete sim;
@@ -136,14 +101,15 @@ protected:
         return vesk::duvo::freeze(std::move(v));
     }
 
-    static SimProcess* sim;
+    static inline duvo::test::Program* sim = nullptr;
+    static inline std::string authority;
+    const std::string uri = "opcua-ps://" + authority + "#ns=1;s=M2DoubleMatrix36";
     std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo> duvo =
         std::make_shared<vesk::duvo::opcua::detail::OpcUaDuvo>(vesk::duvo::Duvo::Properties{{"opc.ps.pollingPeriodMs", "0"}});
 };
-SimProcess* ZeroCopy::sim = nullptr;
 
-TEST_F(ZeroCopy, publish_hands_the_applications_elements_to_the_encoder_with_at_most_two_allocations) {
-    auto publisher = duvo->createPublisher<Matrix>(sim->uri("M2DoubleMatrix36"));
+TEST_F(ZeroCopy, publish_hands_the_applications_elements_to_the_encoder_with_at_most_two_allocations_and_they_arrive_whole) {
+    auto publisher = duvo->createPublisher<Matrix>(uri);
     auto sample = publisher->createDataEntity();
     const auto value = matrix(1.0);
     sample->setValue0(value);
@@ -169,6 +135,25 @@ TEST_F(ZeroCopy, publish_hands_the_applications_elements_to_the_encoder_with_at_
     publisher->publish(*sample, 0ms);
     EXPECT_EQ(writeRequests.load(), requests + 1);
     EXPECT_EQ(lastWrittenData.load(), static_cast<const void*>(value.data()));
+
+    // Vectors published so arrive whole at a subscriber.
+    auto subscriber = duvo->createSubscriber<Matrix>(uri);
+    for (int round = 1; round <= 3; ++round) {
+        const auto next = matrix(100.0 * round);
+        sample->setValue0(next);
+        publisher->publish(*sample, 2000ms);
+        bool seen = false;
+        for (const auto end = std::chrono::steady_clock::now() + 5s; !seen && std::chrono::steady_clock::now() < end;) {
+            std::vector<std::shared_ptr<vesk::duvo::ps::DataEvent<Matrix>>> events;
+            subscriber->readDataEvents(vesk::duvo::ps::DataEventFilter<Matrix>(), events, 1, 500ms);
+            for (const auto& event : events) {
+                if (!event->hasValidData()) continue;
+                const auto got = event->getData()->getValue0();
+                seen = seen || std::equal(got.begin(), got.end(), next.begin(), next.end());
+            }
+        }
+        EXPECT_TRUE(seen) << "round " << round;
+    }
 }
 
 /// Keeps what a monitor delivers.
@@ -201,8 +186,8 @@ UA_DataValue decodedFromWire(const vesk::duvo::shared_vector<const double>& valu
     return decoded;
 }
 
-TEST_F(ZeroCopy, a_received_array_becomes_the_samples_buffer) {
-    const auto client = duvo->getClient(sim->endpoint(), duvo->properties());
+TEST_F(ZeroCopy, a_received_array_becomes_the_samples_buffer_and_one_the_stack_keeps_is_copied) {
+    const auto client = duvo->getClient("opc.tcp://" + authority, duvo->properties());
     std::vector<std::unique_ptr<MatrixBinding>> kept;
     vesk::duvo::opcua::detail::ps::BasicDataMonitor<MatrixBinding, KeepingSink> monitor(
         KeepingSink{&kept}, client, {}, 0, nullptr); // no node: only the notifications given here
@@ -217,11 +202,8 @@ TEST_F(ZeroCopy, a_received_array_becomes_the_samples_buffer) {
     const auto received = kept[0]->getValue0();
     EXPECT_EQ(static_cast<const void*>(received.data()), decodedElements);
     EXPECT_TRUE(std::equal(received.begin(), received.end(), value.begin(), value.end()));
-}
 
-TEST_F(ZeroCopy, a_value_the_stack_keeps_is_copied_not_taken) {
     // A borrowed variant (the stack keeps its memory) must not be adopted.
-    const auto value = matrix(3.0);
     UA_DataValue borrowed;
     UA_DataValue_init(&borrowed);
     UA_Variant_setArray(&borrowed.value, const_cast<double*>(value.data()), value.size(), &UA_TYPES[UA_TYPES_DOUBLE]);
@@ -232,28 +214,6 @@ TEST_F(ZeroCopy, a_value_the_stack_keeps_is_copied_not_taken) {
     EXPECT_NE(static_cast<const void*>(sample.getValue0().data()), static_cast<const void*>(value.data()));
     EXPECT_EQ(borrowed.value.data, static_cast<const void*>(value.data()));
     EXPECT_TRUE(std::equal(value.begin(), value.end(), sample.getValue0().begin()));
-}
-
-TEST_F(ZeroCopy, published_vectors_arrive_whole_at_a_subscriber) {
-    auto publisher = duvo->createPublisher<Matrix>(sim->uri("M2DoubleMatrix36"));
-    auto subscriber = duvo->createSubscriber<Matrix>(sim->uri("M2DoubleMatrix36"));
-    auto sample = publisher->createDataEntity();
-    for (int round = 1; round <= 3; ++round) {
-        const auto value = matrix(100.0 * round);
-        sample->setValue0(value);
-        publisher->publish(*sample, 2000ms);
-        bool seen = false;
-        for (const auto end = std::chrono::steady_clock::now() + 5s; !seen && std::chrono::steady_clock::now() < end;) {
-            std::vector<std::shared_ptr<vesk::duvo::ps::DataEvent<Matrix>>> events;
-            subscriber->readDataEvents(vesk::duvo::ps::DataEventFilter<Matrix>(), events, 1, 500ms);
-            for (const auto& event : events) {
-                if (!event->hasValidData()) continue;
-                const auto got = event->getData()->getValue0();
-                seen = seen || std::equal(got.begin(), got.end(), value.begin(), value.end());
-            }
-        }
-        EXPECT_TRUE(seen) << "round " << round;
-    }
 }
 
 } // namespace
