@@ -196,6 +196,7 @@ void ClientCore::shutdownSequence() {
     }
     fulfilCompleted();
 }
+
 // ---------------------------------------------------------------------------------------------
 // Connection and session
 
