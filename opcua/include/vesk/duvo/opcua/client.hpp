@@ -56,6 +56,23 @@ class ClientCore;
 /// The destructor stops both threads (it may run on either of them: the thread then ends on
 /// its own right after), fails pending futures with "client shut down", deletes the
 /// subscription and closes the session.
+///
+/// Who owns what:
+/// - application threads submit requests (and send them while a session is up), register and
+///   drop monitored items and connection callbacks, and ask isConnected();
+/// - the driving thread, one at a time (a caller that waits, or else the network thread), runs
+///   open62541's loop: it gets every open62541 callback, which only records under the lock of
+///   its part, and then acts on what they recorded: connection attempts, backoff and security
+///   set-up (its own state, no lock), queued requests, deadlines, the subscription and its
+///   items. No open62541 call is made from inside one of its callbacks;
+/// - the I/O-context thread runs the user's callbacks, posted to it.
+/// Each part of the state has its own lock, held neither while open62541 nor user code runs:
+/// the connection's (channel and session state, the connection events to report, why no
+/// attempt can succeed), the request pipeline's (queued, in-flight and ended requests, whether
+/// requests may go at once, when the loop plans to wake), the monitoring's (the subscription,
+/// the items and their state on the server). The pipeline's lock may be held while one of the
+/// other two is taken, never the reverse. Turns at the loop are handed over under a lock of
+/// their own, held with no other.
 class OpcUaClient {
 public:
     using Clock = std::chrono::steady_clock;
@@ -73,7 +90,7 @@ public:
         std::function<void(UA_DataValue*)> callback;
         /// The server's verdict each time the item is made there (Good, or why it refused).
         std::function<void(UA_StatusCode)> onStatus;
-        /// Maintained by the client under its lock: its key for the item, and the server's ids
+        /// Maintained by the client under its monitoring lock: its key for the item, and the server's ids
         /// while the item exists there.
         std::uint64_t clientKey = 0;
         UA_UInt32 subscriptionId = 0;
