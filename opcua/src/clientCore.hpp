@@ -30,7 +30,7 @@
 #include <vesk/duvo/opcua/request.hpp>
 
 #include "eventLoopWaker.hpp"
-#include "security.hpp"
+#include <vesk/duvo/opcua/detail/security.hpp>
 
 namespace vesk::duvo::opcua::detail {
 
