@@ -17,6 +17,7 @@
 #include <vesk/duvo/opcua/client.hpp>
 #include <vesk/duvo/opcua/notificationQueue.hpp>
 #include <vesk/duvo/opcua/time.hpp>
+#include <vesk/duvo/util.hpp>
 
 namespace vesk::duvo::opcua::detail::ps {
 

@@ -9,12 +9,15 @@
 #include <utility>
 #include <vector>
 
+#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <log4cplus/logger.h>
 #include <open62541/types.h>
 
 #include <duvo/opcua/detail/ps/sinks.hpp>
 #include <vesk/duvo/opcua/client.hpp>
+#include <vesk/duvo/opcua/time.hpp>
+#include <vesk/duvo/opcua/uriHelper.hpp>
 
 namespace vesk::duvo::opcua::detail::ps {
 
