@@ -6,30 +6,29 @@
 #include <memory>
 #include <utility>
 
-namespace vesk::duvo::ps::queue {
+#include <duvo/ps/queue/sampleOps.hpp>
 
-template <class T, class ST>
-class DataEventImpl;
+namespace vesk::duvo::ps::queue::detail {
+
+class EventCore;
 
 /// Events in arrival order: the global queue and every instance queue are such lists.
-template <class T, class ST>
-using EventList = std::list<std::shared_ptr<DataEventImpl<T, ST>>>;
+using EventList = std::list<std::shared_ptr<EventCore>>;
 
 /// The events of one keyed instance, with its liveliness and expiry.
 ///
 /// Everything but the alive count is touched only under the subscriber's data mutex. The alive
 /// count is atomic because events report the instance's present state to application threads.
-template <class T, class ST>
-class InstanceQueue : public std::enable_shared_from_this<InstanceQueue<T, ST>> {
+class InstanceQueue : public std::enable_shared_from_this<InstanceQueue> {
 public:
-    InstanceQueue(std::int32_t capacity, long aliveCount, std::unique_ptr<T> key)
+    InstanceQueue(std::int32_t capacity, long aliveCount, OwnedSample key)
         : capacity_(capacity), aliveCount_(aliveCount), key_(std::move(key)) {}
 
     InstanceQueue(const InstanceQueue&) = delete;
     InstanceQueue& operator=(const InstanceQueue&) = delete;
 
-    EventList<T, ST>& events() noexcept { return events_; }
-    const EventList<T, ST>& events() const noexcept { return events_; }
+    EventList& events() noexcept { return events_; }
+    const EventList& events() const noexcept { return events_; }
     std::size_t size() const noexcept { return events_.size(); }
     std::int32_t capacity() const noexcept { return capacity_; }
 
@@ -38,7 +37,7 @@ public:
     void setAliveCount(long alive) noexcept { aliveCount_.store(alive, std::memory_order_release); }
 
     /// The instance's key fields, as cloneKey made them.
-    const T& key() const noexcept { return *key_; }
+    const void* key() const noexcept { return key_.get(); }
 
     /// Source time of the last sample plus the instance expiry; 0 when not armed.
     std::int64_t expiryTimeMs() const noexcept { return expiryTimeMs_; }
@@ -48,12 +47,12 @@ public:
     void setExpiryAction(std::function<void()> action) { expiryAction_ = std::move(action); }
 
 private:
-    EventList<T, ST> events_;
+    EventList events_;
     std::int32_t capacity_;
     std::atomic<long> aliveCount_;
-    std::unique_ptr<T> key_;
+    OwnedSample key_;
     std::function<void()> expiryAction_;
     std::int64_t expiryTimeMs_ = 0;
 };
 
-} // namespace vesk::duvo::ps::queue
+} // namespace vesk::duvo::ps::queue::detail

@@ -1,21 +1,22 @@
 #pragma once
-#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <exception>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <vesk/duvo/ps/dataEvent.hpp>
-#include <vesk/duvo/ps/subscriber.hpp>
+
+#include <duvo/ps/queue/dataEventImpl.hpp>
+#include <duvo/ps/queue/sampleOps.hpp>
 
 namespace vesk::duvo::ps::queue::detail {
 
@@ -52,20 +53,29 @@ void runNotifierCallback(F&& f) noexcept {
     }
 }
 
+/// A DataEventFilter without its type. The instance is a sample as T: owned by the filter for
+/// a subscription, borrowed from the caller for a read that ends before it returns.
+struct FilterCore {
+    std::shared_ptr<const void> instance;
+    InstanceState state = InstanceState::Any;
+    std::set<InstanceEvent> events;
+};
+
+/// An application callback, wrapped once at subscribe time by the typed edge.
+using EventFn = std::function<void(const EventCore&)>;
+using NotifyFn = std::function<void()>;
+
 /// A synchronous subscription: its callbacks run only inside poll.
-template <class T>
 struct SyncSubscriptionEntry {
-    SyncSubscriptionEntry(DataEventFilter<T> f, typename Subscriber<T>::EventCallback cb)
-        : filter(std::move(f)), callback(std::move(cb)) {}
-    const DataEventFilter<T> filter;
-    const typename Subscriber<T>::EventCallback callback;
+    SyncSubscriptionEntry(FilterCore f, EventFn cb) : filter(std::move(f)), callback(std::move(cb)) {}
+    const FilterCore filter;
+    const EventFn callback;
     /// Set when the subscription closes, so that events a poller already holds are not
     /// handed to a callback whose owner may be gone.
     std::atomic<bool> closed{false};
 };
 
-template <class T>
-using SyncSubscriptionMap = std::map<std::string, std::shared_ptr<SyncSubscriptionEntry<T>>>;
+using SyncSubscriptionMap = std::map<std::string, std::shared_ptr<SyncSubscriptionEntry>>;
 
 /// True when maxCount (0: no limit) is reached.
 inline bool countReached(unsigned long count, unsigned long maxCount) noexcept {
@@ -73,66 +83,43 @@ inline bool countReached(unsigned long count, unsigned long maxCount) noexcept {
 }
 
 /// The filter test: instance (by key), present instance state, and event kind.
-template <class T>
-bool matches(const DataEvent<T>& event, const DataEventFilter<T>& filter) {
-    if (const T* instance = filter.getInstance()) {
-        const auto data = event.getData();
-        if (!data || !instance->keyEquals(*data)) return false;
-    }
-    if (filter.getInstanceState() != InstanceState::Any && event.getInstanceState() != filter.getInstanceState())
-        return false;
-    const auto& events = filter.getInstanceEvents();
-    return events.empty() || events.count(event.getInstanceEvent()) != 0;
-}
+bool matches(const SampleOps& ops, const EventCore& event, const FilterCore& filter);
 
 /// Base of all predicates: holds the filter and the shared test.
-template <class T, class ST>
 class DataEventPredicate {
 public:
-    explicit DataEventPredicate(DataEventFilter<T> filter) : filter_(std::move(filter)) {}
-    virtual ~DataEventPredicate() = default;
-    virtual MatchResult matchAndProcess(const std::shared_ptr<DataEvent<T>>& event) = 0;
+    DataEventPredicate(const SampleOps& ops, FilterCore filter) : ops_(ops), filter_(std::move(filter)) {}
+    virtual ~DataEventPredicate();
+    virtual MatchResult matchAndProcess(const std::shared_ptr<EventCore>& event) = 0;
     /// Wakes the reader waiting behind this predicate; called when the subscriber closes.
     virtual void cancel() {}
     /// Whether filterCheck compares new subscriptions with this predicate's filter.
     virtual bool selectsByFilter() const { return true; }
 
-    const DataEventFilter<T>& getFilter() const noexcept { return filter_; }
-
-    static bool matches(const DataEvent<T>& event, const DataEventFilter<T>& filter) {
-        return detail::matches(event, filter);
-    }
+    const FilterCore& getFilter() const noexcept { return filter_; }
 
 protected:
-    bool matches(const DataEvent<T>& event) const { return matches(event, filter_); }
+    bool matches(const EventCore& event) const { return detail::matches(ops_, event, filter_); }
 
-    DataEventFilter<T> filter_;
+    const SampleOps& ops_;
+    FilterCore filter_;
 };
 
-/// The first synchronous subscription whose filter selects the event, or none.
-template <class T>
-std::shared_ptr<SyncSubscriptionEntry<T>> findSyncSubscription(const SyncSubscriptionMap<T>& subscriptions,
-                                                               const DataEvent<T>& event) {
-    for (const auto& entry : subscriptions)
-        if (matches(event, entry.second->filter)) return entry.second;
-    return nullptr;
-}
+using PredicateMap = std::map<std::string, std::shared_ptr<DataEventPredicate>>;
 
 /// What a waiting readDataEvents shares with its listener.
-template <class T>
 struct ReadEventsWaiter {
     std::mutex mutex;
     std::condition_variable wake;
-    std::vector<std::shared_ptr<DataEvent<T>>> events;
+    std::vector<std::shared_ptr<EventCore>> events;
     std::atomic<unsigned long> count{0};
     bool done = false;
     bool cancelled = false;
 };
 
 /// What a waiting poll shares with its listener: the (event, subscription) pairs to dispatch.
-template <class T>
 struct PollWaiter {
-    using Pending = std::pair<std::shared_ptr<DataEvent<T>>, std::shared_ptr<SyncSubscriptionEntry<T>>>;
+    using Pending = std::pair<std::shared_ptr<EventCore>, std::shared_ptr<SyncSubscriptionEntry>>;
     std::mutex mutex;
     std::condition_variable wake;
     std::deque<Pending> pending;
@@ -142,199 +129,99 @@ struct PollWaiter {
 };
 
 /// readDataEvents, scanning the queue: appends matching events to the caller's vector.
-template <class T, class ST>
-class DataEventPredicateReadEvents : public DataEventPredicate<T, ST> {
+class DataEventPredicateReadEvents : public DataEventPredicate {
 public:
-    DataEventPredicateReadEvents(DataEventFilter<T> filter, std::vector<std::shared_ptr<DataEvent<T>>>& out,
+    DataEventPredicateReadEvents(const SampleOps& ops, FilterCore filter, EventsOut& out,
                                  std::atomic<unsigned long>& count, unsigned long maxCount)
-        : DataEventPredicate<T, ST>(std::move(filter)), out_(out), count_(count), maxCount_(maxCount) {}
-
-    MatchResult matchAndProcess(const std::shared_ptr<DataEvent<T>>& event) override {
-        if (!this->matches(*event)) return MatchResult::NoMatch;
-        out_.push_back(event);
-        return countReached(++count_, maxCount_) ? MatchResult::ConsumeAndStop : MatchResult::Consume;
-    }
+        : DataEventPredicate(ops, std::move(filter)), out_(out), count_(count), maxCount_(maxCount) {}
+    MatchResult matchAndProcess(const std::shared_ptr<EventCore>& event) override;
 
 private:
-    std::vector<std::shared_ptr<DataEvent<T>>>& out_;
+    EventsOut& out_;
     std::atomic<unsigned long>& count_;
     unsigned long maxCount_;
 };
 
 /// readDataEvents, registered while the caller waits: collects arriving events.
-template <class T, class ST>
-class DataEventPredicateReadEventsListener : public DataEventPredicate<T, ST> {
+class DataEventPredicateReadEventsListener : public DataEventPredicate {
 public:
-    DataEventPredicateReadEventsListener(DataEventFilter<T> filter, std::shared_ptr<ReadEventsWaiter<T>> waiter,
-                                         unsigned long maxCount)
-        : DataEventPredicate<T, ST>(std::move(filter)), waiter_(std::move(waiter)), maxCount_(maxCount) {}
-
-    MatchResult matchAndProcess(const std::shared_ptr<DataEvent<T>>& event) override {
-        if (!this->matches(*event)) return MatchResult::NoMatch;
-        std::lock_guard<std::mutex> lock(waiter_->mutex);
-        waiter_->events.push_back(event);
-        if (!countReached(++waiter_->count, maxCount_)) return MatchResult::Consume;
-        waiter_->done = true;
-        waiter_->wake.notify_one();
-        return MatchResult::Done;
-    }
-
-    void cancel() override {
-        std::lock_guard<std::mutex> lock(waiter_->mutex);
-        waiter_->cancelled = true;
-        waiter_->wake.notify_one();
-    }
+    DataEventPredicateReadEventsListener(const SampleOps& ops, FilterCore filter,
+                                         std::shared_ptr<ReadEventsWaiter> waiter, unsigned long maxCount)
+        : DataEventPredicate(ops, std::move(filter)), waiter_(std::move(waiter)), maxCount_(maxCount) {}
+    MatchResult matchAndProcess(const std::shared_ptr<EventCore>& event) override;
+    void cancel() override;
 
 private:
-    std::shared_ptr<ReadEventsWaiter<T>> waiter_;
+    std::shared_ptr<ReadEventsWaiter> waiter_;
     unsigned long maxCount_;
 };
 
 /// poll, scanning the queue: takes each event that a synchronous subscription selects and
 /// hands (event, subscription) to the poller, which runs the callback once the scan is over.
-template <class T, class ST>
-class DataEventPredicatePoll : public DataEventPredicate<T, ST> {
+class DataEventPredicatePoll : public DataEventPredicate {
 public:
-    DataEventPredicatePoll(const SyncSubscriptionMap<T>& subscriptions, std::shared_ptr<PollWaiter<T>> waiter,
-                           unsigned long maxCount)
-        : DataEventPredicate<T, ST>(DataEventFilter<T>()), subscriptions_(subscriptions), waiter_(std::move(waiter)),
+    DataEventPredicatePoll(const SampleOps& ops, const SyncSubscriptionMap& subscriptions,
+                           std::shared_ptr<PollWaiter> waiter, unsigned long maxCount)
+        : DataEventPredicate(ops, FilterCore()), subscriptions_(subscriptions), waiter_(std::move(waiter)),
           maxCount_(maxCount) {}
-
-    MatchResult matchAndProcess(const std::shared_ptr<DataEvent<T>>& event) override {
-        if (!this->matches(*event)) return MatchResult::NoMatch;
-        auto subscription = findSyncSubscription(subscriptions_, *event);
-        if (!subscription) return MatchResult::NoMatch;
-        std::lock_guard<std::mutex> lock(waiter_->mutex);
-        waiter_->pending.emplace_back(event, std::move(subscription));
-        return countReached(++waiter_->count, maxCount_) ? MatchResult::ConsumeAndStop : MatchResult::Consume;
-    }
+    MatchResult matchAndProcess(const std::shared_ptr<EventCore>& event) override;
 
 private:
-    const SyncSubscriptionMap<T>& subscriptions_;
-    std::shared_ptr<PollWaiter<T>> waiter_;
+    const SyncSubscriptionMap& subscriptions_;
+    std::shared_ptr<PollWaiter> waiter_;
     unsigned long maxCount_;
 };
 
 /// poll, registered while the caller waits: hands (event, subscription) pairs to the poller,
 /// which runs the callbacks on its own thread without any subscriber lock.
-template <class T, class ST>
-class DataEventPredicatePollListener : public DataEventPredicate<T, ST> {
+class DataEventPredicatePollListener : public DataEventPredicate {
 public:
-    DataEventPredicatePollListener(const SyncSubscriptionMap<T>& subscriptions, std::shared_ptr<PollWaiter<T>> waiter,
-                                   unsigned long maxCount)
-        : DataEventPredicate<T, ST>(DataEventFilter<T>()), subscriptions_(subscriptions), waiter_(std::move(waiter)),
+    DataEventPredicatePollListener(const SampleOps& ops, const SyncSubscriptionMap& subscriptions,
+                                   std::shared_ptr<PollWaiter> waiter, unsigned long maxCount)
+        : DataEventPredicate(ops, FilterCore()), subscriptions_(subscriptions), waiter_(std::move(waiter)),
           maxCount_(maxCount) {}
-
-    MatchResult matchAndProcess(const std::shared_ptr<DataEvent<T>>& event) override {
-        if (!this->matches(*event)) return MatchResult::NoMatch;
-        auto subscription = findSyncSubscription(subscriptions_, *event);
-        if (!subscription) return MatchResult::NoMatch;
-        const bool reached = countReached(++waiter_->count, maxCount_);
-        std::lock_guard<std::mutex> lock(waiter_->mutex);
-        waiter_->pending.emplace_back(event, std::move(subscription));
-        waiter_->finished = reached;
-        waiter_->wake.notify_one();
-        return reached ? MatchResult::Done : MatchResult::Consume;
-    }
-
-    void cancel() override {
-        std::lock_guard<std::mutex> lock(waiter_->mutex);
-        waiter_->cancelled = true;
-        waiter_->wake.notify_one();
-    }
+    MatchResult matchAndProcess(const std::shared_ptr<EventCore>& event) override;
+    void cancel() override;
 
     // A waiting poller takes events only for the synchronous subscriptions, which filterCheck
     // already compares; its catch-all filter must not refuse every new subscription.
     bool selectsByFilter() const override { return false; }
 
 private:
-    const SyncSubscriptionMap<T>& subscriptions_;
-    std::shared_ptr<PollWaiter<T>> waiter_;
+    const SyncSubscriptionMap& subscriptions_;
+    std::shared_ptr<PollWaiter> waiter_;
     unsigned long maxCount_;
 };
 
 /// subscribeAsync with a callback taking the event: delivers and consumes.
-template <class T, class ST>
-class DataEventPredicateAsyncSubscriptionListener : public DataEventPredicate<T, ST> {
+class DataEventPredicateAsyncSubscriptionListener : public DataEventPredicate {
 public:
-    DataEventPredicateAsyncSubscriptionListener(DataEventFilter<T> filter,
-                                                typename Subscriber<T>::EventCallback callback,
-                                                Subscriber<T>& subscriber)
-        : DataEventPredicate<T, ST>(std::move(filter)), callback_(std::move(callback)), subscriber_(subscriber) {}
-
-    MatchResult matchAndProcess(const std::shared_ptr<DataEvent<T>>& event) override {
-        if (!this->matches(*event)) return MatchResult::NoMatch;
-        runListenerCallback([&] { callback_(subscriber_, *event); });
-        return MatchResult::Consume;
-    }
+    DataEventPredicateAsyncSubscriptionListener(const SampleOps& ops, FilterCore filter, EventFn callback)
+        : DataEventPredicate(ops, std::move(filter)), callback_(std::move(callback)) {}
+    MatchResult matchAndProcess(const std::shared_ptr<EventCore>& event) override;
 
 private:
-    typename Subscriber<T>::EventCallback callback_;
-    Subscriber<T>& subscriber_;
+    EventFn callback_;
 };
 
 /// subscribeAsync with a callback taking only the subscriber: notifies and leaves the event
 /// to be read.
-template <class T, class ST>
-class DataEventPredicateAsyncSubscriptionNotifier : public DataEventPredicate<T, ST> {
+class DataEventPredicateAsyncSubscriptionNotifier : public DataEventPredicate {
 public:
-    DataEventPredicateAsyncSubscriptionNotifier(DataEventFilter<T> filter,
-                                                typename Subscriber<T>::NotifyCallback callback,
-                                                Subscriber<T>& subscriber)
-        : DataEventPredicate<T, ST>(std::move(filter)), callback_(std::move(callback)), subscriber_(subscriber) {}
-
-    MatchResult matchAndProcess(const std::shared_ptr<DataEvent<T>>& event) override {
-        if (!this->matches(*event)) return MatchResult::NoMatch;
-        runNotifierCallback([&] { callback_(subscriber_); });
-        return MatchResult::Keep;
-    }
+    DataEventPredicateAsyncSubscriptionNotifier(const SampleOps& ops, FilterCore filter, NotifyFn callback)
+        : DataEventPredicate(ops, std::move(filter)), callback_(std::move(callback)) {}
+    MatchResult matchAndProcess(const std::shared_ptr<EventCore>& event) override;
 
 private:
-    typename Subscriber<T>::NotifyCallback callback_;
-    Subscriber<T>& subscriber_;
+    NotifyFn callback_;
 };
 
-/// True when the two event sets share an element.
-inline bool filterIntersect(const std::set<InstanceEvent>& a, const std::set<InstanceEvent>& b) {
-    return std::any_of(a.begin(), a.end(), [&](InstanceEvent e) { return b.count(e) != 0; });
-}
-
-/// A filter that selects every event of every instance. An empty event set means all events.
-template <class T>
-bool selectsEverything(const DataEventFilter<T>& f) {
-    const auto& events = f.getInstanceEvents();
-    return f.getInstance() == nullptr && f.getInstanceState() == InstanceState::Any &&
-           (events.empty() ||
-            events == std::set<InstanceEvent>{InstanceAppeared, InstanceUpdated, InstanceNotAlive});
-}
-
 /// True when the two filters could select the same event.
-template <class T>
-bool filtersOverlap(const DataEventFilter<T>& a, const DataEventFilter<T>& b) {
-    // A catch-all filter conflicts with anything, whichever side it is on.
-    if (selectsEverything(a) || selectsEverything(b)) return true;
-    const T* ia = a.getInstance();
-    const T* ib = b.getInstance();
-    const bool sameInstance = (ia == nullptr && ib == nullptr) || (ia != nullptr && ib != nullptr && ia->keyEquals(*ib));
-    const auto sa = a.getInstanceState();
-    const auto sb = b.getInstanceState();
-    const bool sameState = sa == sb || sa == InstanceState::Any || sb == InstanceState::Any;
-    const auto& ea = a.getInstanceEvents();
-    const auto& eb = b.getInstanceEvents();
-    const bool sameEvents = ea.empty() || eb.empty() || filterIntersect(ea, eb);
-    return sameInstance && sameState && sameEvents;
-}
+bool filtersOverlap(const SampleOps& ops, const FilterCore& a, const FilterCore& b);
 
 /// Refuses a new subscription whose filter could select the events of an existing
 /// subscription or waiting reader: each event must have exactly one taker.
-template <class T, class ST>
-void filterCheck(const DataEventFilter<T>& filter, const SyncSubscriptionMap<T>& subscriptions,
-                 const std::map<std::string, std::shared_ptr<DataEventPredicate<T, ST>>>& predicates) {
-    for (const auto& entry : subscriptions)
-        if (filtersOverlap(filter, entry.second->filter)) throw std::runtime_error("filter intersection");
-    for (const auto& entry : predicates)
-        if (entry.second->selectsByFilter() && filtersOverlap(filter, entry.second->getFilter()))
-            throw std::runtime_error("filter intersection");
-}
+void filterCheck(const SampleOps& ops, const FilterCore& filter, const SyncSubscriptionMap& subscriptions,
+                 const PredicateMap& predicates);
 
 } // namespace vesk::duvo::ps::queue::detail

@@ -1,7 +1,7 @@
 #pragma once
 // What every entry point of the plug-in shares. The entry points themselves are derived from
-// the catalogues in three files (samples and publishers, subscribers, clients) so that they
-// compile in parallel.
+// the catalogues in four files (samples and publishers, subscribers, most-recent-value
+// subscribers, clients) so that they compile in parallel.
 #include <map>
 #include <memory>
 #include <string>

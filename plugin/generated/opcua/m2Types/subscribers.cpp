@@ -1,5 +1,4 @@
-// Entry points of the subscribers and most-recent-value subscribers of the 24 data structures.
-#include <duvo/opcua/detail/ps/mrvSubscriber.hpp>
+// Entry points of the subscribers of the 24 data structures.
 #include <duvo/opcua/detail/ps/subscriber.hpp>
 #include <generated/opcua/m2Types/entryPoints.hpp>
 
@@ -13,15 +12,6 @@ using namespace generated::opcua::m2Types::entry;
                                OpcUaSubscriber<::m2Types::Name, generated::opcua::m2Types::Name>>(uri, qos,         \
                                                                                                    properties,      \
                                                                                                    middleware);     \
-    }                                                                                                               \
-    DUVO_EXPORT vesk::duvo::ps::MrvSubscriber<::m2Types::Name>* generated_opcua_MrvSubscriber_m2Types_##Name(       \
-        const std::string& uri, const PsQoS& qos, const Properties& properties, const Middleware& middleware) {     \
-        using namespace vesk::duvo::opcua::detail::ps;                                                              \
-        return createDelegated<OpcUaMrvSubscriberDelegator<::m2Types::Name, generated::opcua::m2Types::Name>,       \
-                               OpcUaMrvSubscriber<::m2Types::Name, generated::opcua::m2Types::Name>>(uri, qos,      \
-                                                                                                      properties,   \
-                                                                                                      middleware);  \
     }
 M2TYPES_DATA_CATALOGUE(DUVO_SUBSCRIBER_ENTRY_POINTS)
 #undef DUVO_SUBSCRIBER_ENTRY_POINTS
-

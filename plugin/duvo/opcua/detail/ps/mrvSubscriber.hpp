@@ -16,8 +16,8 @@ namespace vesk::duvo::opcua::detail::ps {
 /// Keeps the newest sample of T from the nodes of its URI.
 template <class T, class ST>
 class OpcUaMrvSubscriber
-    : public OpcUaSubscriberEntity<T, ST, vesk::duvo::ps::queue::MapMrvSubscriber<T, ST>, MrvSink<T, ST>> {
-    using Entity = OpcUaSubscriberEntity<T, ST, vesk::duvo::ps::queue::MapMrvSubscriber<T, ST>, MrvSink<T, ST>>;
+    : public OpcUaSubscriberEntity<T, ST, vesk::duvo::ps::queue::MapMrvSubscriber<T, ST>, MrvStoreSink> {
+    using Entity = OpcUaSubscriberEntity<T, ST, vesk::duvo::ps::queue::MapMrvSubscriber<T, ST>, MrvStoreSink>;
 
 public:
     OpcUaMrvSubscriber(const std::string& uri, const std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>& qos,

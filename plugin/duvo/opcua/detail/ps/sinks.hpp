@@ -1,21 +1,42 @@
 #pragma once
 // Where monitors and pollers deliver: the queued store, which also learns of losses through
 // empty not-alive samples, or the most-recent-value store, which keeps the last good value.
-#include <algorithm>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
+#include <open62541/types.h>
 
 #include <duvo/ps/queue/mapMrvSubscriber.hpp>
 #include <duvo/ps/queue/queuedSubscriber.hpp>
+#include <duvo/ps/queue/sampleOps.hpp>
 
 namespace vesk::duvo::opcua::detail::ps {
+
+using vesk::duvo::ps::queue::OwnedSample;
+
+template <class ST, class = void>
+struct TakesOwnedValues : std::false_type {};
+template <class ST>
+struct TakesOwnedValues<ST, std::void_t<decltype(std::declval<ST&>().takeOpcUaDataValues(std::declval<UA_DataValue*>()))>>
+    : std::true_type {};
+
+/// Fills a new sample from values that the caller owns and gives up: a binding that can take
+/// numeric arrays over does so rather than copy their elements.
+template <class ST>
+void fillFromOwnedValues(ST& sample, UA_DataValue* values) {
+    if constexpr (TakesOwnedValues<ST>::value)
+        sample.takeOpcUaDataValues(values);
+    else
+        sample.setOpcUaDataValues(values);
+}
 
 /// Knows which threads are delivering into a store. The application may close a subscriber
 /// from its own callback and then destroy it from another thread while that delivery is
@@ -39,30 +60,166 @@ public:
     };
 
     /// Waits until no other thread delivers; a delivery on this thread finishes by itself.
-    void drain() {
-        const auto self = std::this_thread::get_id();
-        std::unique_lock<std::mutex> lock(mutex_);
-        idle_.wait(lock, [&] {
-            return std::all_of(threads_.begin(), threads_.end(), [&](std::thread::id id) { return id == self; });
-        });
-    }
+    void drain();
 
 private:
-    void enter() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        threads_.push_back(std::this_thread::get_id());
-    }
-    void leave() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        threads_.erase(std::find(threads_.begin(), threads_.end(), std::this_thread::get_id()));
-        idle_.notify_all();
-    }
+    void enter();
+    void leave();
 
     std::mutex mutex_;
     std::condition_variable idle_;
     std::vector<std::thread::id> threads_;
 };
 
+/// What a monitor or poller delivers to, whatever the sample type: it makes the sample from
+/// the values read (convert) and hands it on (sample), or reports what went wrong.
+class DeliverySink {
+public:
+    DeliverySink(const char* pollerName, bool watchesConnection) noexcept
+        : pollerName(pollerName), watchesConnection(watchesConnection) {}
+    DeliverySink(const DeliverySink&) = delete;
+    DeliverySink& operator=(const DeliverySink&) = delete;
+
+    /// A new sample from values that the caller owns and gives up; throws when they do not convert.
+    virtual OwnedSample convert(UA_DataValue* values) const = 0;
+    /// A sample that convert made.
+    virtual void sample(OwnedSample sample, double time) const = 0;
+    virtual void connectionLost() const = 0;
+    virtual void pollTimedOut(log4cplus::Logger& logger, const std::string& message) const = 0;
+    virtual void pollFailed(log4cplus::Logger& logger, const std::string& message) const = 0;
+    virtual void pollThrew() const = 0;
+    virtual void conversionFailed(log4cplus::Logger& logger, const std::string& what, double time) const = 0;
+    /// The end of every read, delivered or not.
+    virtual void readEnded() const {}
+
+    const char* const pollerName;
+    const bool watchesConnection;
+
+protected:
+    ~DeliverySink() = default;
+};
+
+/// Makes samples of T from values read, in the binding ST; one object per type.
+class SampleMaker {
+public:
+    /// The sample as T; throws when the values do not convert.
+    virtual OwnedSample make(UA_DataValue* values) const = 0;
+
+protected:
+    ~SampleMaker() = default;
+};
+
+template <class T, class ST>
+class SampleMakerOf final : public SampleMaker {
+public:
+    OwnedSample make(UA_DataValue* values) const override {
+        auto sample = std::make_unique<ST>();
+        fillFromOwnedValues(*sample, values);
+        return vesk::duvo::ps::queue::ownAs<T>(std::move(sample));
+    }
+};
+
+template <class T, class ST>
+const SampleMaker& sampleMaker() noexcept {
+    static const SampleMakerOf<T, ST> maker;
+    return maker;
+}
+
+/// The subscriber's delivery into its queued store.
+class QueuedStoreSink final : public DeliverySink {
+public:
+    QueuedStoreSink(vesk::duvo::ps::queue::detail::QueuedSubscriberCore* store, std::shared_ptr<DeliveryGate> gate,
+                    const SampleMaker& maker) noexcept
+        : DeliverySink("OpcUaSubscriber for nodes", true), store(store), gate(std::move(gate)), maker(maker) {}
+
+    OwnedSample convert(UA_DataValue* values) const override { return maker.make(values); }
+    void sample(OwnedSample sample, double time) const override;
+    void connectionLost() const override;
+    void pollTimedOut(log4cplus::Logger& logger, const std::string& message) const override;
+    void pollFailed(log4cplus::Logger& logger, const std::string& message) const override;
+    void pollThrew() const override;
+    void conversionFailed(log4cplus::Logger& logger, const std::string& what, double time) const override;
+
+private:
+    void empty(double time, long alive) const;
+
+    vesk::duvo::ps::queue::detail::QueuedSubscriberCore* const store;
+    const std::shared_ptr<DeliveryGate> gate;
+    const SampleMaker& maker;
+};
+
+/// The most-recent-value subscriber's delivery into its store.
+class MrvStoreSink final : public DeliverySink {
+public:
+    MrvStoreSink(vesk::duvo::ps::queue::detail::MapMrvCore* store, std::shared_ptr<DeliveryGate> gate,
+                 const SampleMaker& maker) noexcept
+        : DeliverySink("OpcUaMrvDataPoller for nodes", false), store(store), gate(std::move(gate)), maker(maker) {}
+
+    OwnedSample convert(UA_DataValue* values) const override { return maker.make(values); }
+    void sample(OwnedSample sample, double time) const override;
+    void connectionLost() const override {}
+    void pollTimedOut(log4cplus::Logger&, const std::string&) const override {}
+    // The last good value stays current: failures are only logged.
+    void pollFailed(log4cplus::Logger& logger, const std::string& message) const override;
+    void pollThrew() const override {}
+    // Never a partly filled sample: the value that could not be converted is dropped.
+    void conversionFailed(log4cplus::Logger& logger, const std::string& what, double time) const override;
+
+private:
+    vesk::duvo::ps::queue::detail::MapMrvCore* const store;
+    const std::shared_ptr<DeliveryGate> gate;
+    const SampleMaker& maker;
+};
+
+/// A sink of the typed form (sample(std::unique_ptr<ST>, double), pollerName, watchesConnection
+/// and the reports) seen as a DeliverySink, for a monitor or poller made by hand.
+template <class ST, class Sink>
+class SinkAdapter final : public DeliverySink {
+public:
+    explicit SinkAdapter(Sink s) : DeliverySink(Sink::pollerName, Sink::watchesConnection), sink(std::move(s)) {}
+
+    OwnedSample convert(UA_DataValue* values) const override {
+        auto sample = std::make_unique<ST>();
+        fillFromOwnedValues(*sample, values);
+        return vesk::duvo::ps::queue::ownAs<ST>(std::move(sample));
+    }
+    void sample(OwnedSample sample, double time) const override {
+        sink.sample(std::unique_ptr<ST>(static_cast<ST*>(sample.release())), time);
+    }
+    void connectionLost() const override { sink.connectionLost(); }
+    void pollTimedOut(log4cplus::Logger& logger, const std::string& message) const override {
+        sink.pollTimedOut(logger, message);
+    }
+    void pollFailed(log4cplus::Logger& logger, const std::string& message) const override {
+        sink.pollFailed(logger, message);
+    }
+    void pollThrew() const override { sink.pollThrew(); }
+    void conversionFailed(log4cplus::Logger& logger, const std::string& what, double time) const override {
+        sink.conversionFailed(logger, what, time);
+    }
+    void readEnded() const override { readEnded(sink, 0); }
+
+private:
+    /// A sink may ask to hear of every read's end, delivered or not (the benchmark's does).
+    template <class S>
+    static auto readEnded(const S& s, int) -> decltype(s.readEnded()) {
+        return s.readEnded();
+    }
+    template <class S>
+    static void readEnded(const S&, long) {}
+
+    Sink sink;
+};
+
+/// Holds a monitor's or poller's adapted sink, so that it is made before the untyped part
+/// that delivers to it and goes after it.
+template <class ST, class Sink>
+struct SinkSlot {
+    explicit SinkSlot(Sink sink) : adapted(std::move(sink)) {}
+    SinkAdapter<ST, Sink> adapted;
+};
+
+/// The typed store delivery of a monitor or poller made by hand.
 template <class T, class ST>
 struct QueuedSink {
     static constexpr const char* pollerName = "OpcUaSubscriber for nodes";

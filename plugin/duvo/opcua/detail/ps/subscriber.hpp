@@ -14,8 +14,8 @@ namespace vesk::duvo::opcua::detail::ps {
 /// Receives samples of T from the nodes of its URI into a queue.
 template <class T, class ST>
 class OpcUaSubscriber
-    : public OpcUaSubscriberEntity<T, ST, vesk::duvo::ps::queue::QueuedSubscriber<T, ST>, QueuedSink<T, ST>> {
-    using Entity = OpcUaSubscriberEntity<T, ST, vesk::duvo::ps::queue::QueuedSubscriber<T, ST>, QueuedSink<T, ST>>;
+    : public OpcUaSubscriberEntity<T, ST, vesk::duvo::ps::queue::QueuedSubscriber<T, ST>, QueuedStoreSink> {
+    using Entity = OpcUaSubscriberEntity<T, ST, vesk::duvo::ps::queue::QueuedSubscriber<T, ST>, QueuedStoreSink>;
 
 public:
     OpcUaSubscriber(const std::string& uri, const std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>& qos,

@@ -14,19 +14,44 @@
 #include <duvo/opcua/detail/ps/basePubSub.hpp>
 #include <duvo/opcua/detail/ps/dataMonitor.hpp>
 #include <duvo/opcua/detail/ps/dataPoller.hpp>
-#include <vesk/duvo/opcua/properties.hpp>
 
 namespace vesk::duvo::opcua::detail::ps {
 
+/// The sources of a subscriber entity, whatever its sample type: a monitor, a poller, or a
+/// monitor that triggers the poller, chosen from the properties.
+struct SubscriberSources {
+    using NodeId = DataMonitorCore::NodeId;
+
+    /// Starts them; sink delivers into the store and outlives them.
+    void start(const DeliverySink& sink, const std::shared_ptr<OpcUaClient>& client,
+               const std::vector<NodeId>& nodeIds, const std::map<std::string, std::string>& properties);
+    /// Stops them: once this returns no handler of theirs runs, but on the calling thread.
+    void stop() noexcept;
+
+    std::optional<DataMonitorCore> monitor;
+    std::optional<DataPollerCore> poller;
+};
+
+/// The store's untyped face, as its sink takes it.
+template <class T, class ST>
+vesk::duvo::ps::queue::detail::QueuedSubscriberCore* storeOf(vesk::duvo::ps::queue::QueuedSubscriber<T, ST>& store) {
+    return store.getImpl().get();
+}
+template <class T, class ST>
+vesk::duvo::ps::queue::detail::MapMrvCore* storeOf(vesk::duvo::ps::queue::MapMrvSubscriber<T, ST>& store) {
+    return &store.getCore();
+}
+
 /// What the queued and the most-recent-value subscriber entities share: the store (Core),
 /// the URI part, and the choice between monitoring and polling made from the properties.
-template <class T, class ST, class Core, class Sink>
+/// StoreSink is the store's untyped delivery.
+template <class T, class ST, class Core, class StoreSink>
 class OpcUaSubscriberEntity : public Core, public OpcUaBasePubSub<T, ST> {
     using Base = OpcUaBasePubSub<T, ST>;
 
 public:
-    using Monitor = BasicDataMonitor<ST, Sink>;
-    using Poller = BasicDataPoller<ST, Sink>;
+    using Monitor = DataMonitorCore;
+    using Poller = DataPollerCore;
 
     void close() override {
         this->checkState();
@@ -48,9 +73,9 @@ public:
         gate->drain();
     }
 
-    bool hasMonitor() const noexcept { return monitor.has_value(); }
-    bool hasPoller() const noexcept { return poller.has_value(); }
-    const Poller* getPoller() const noexcept { return poller ? &*poller : nullptr; }
+    bool hasMonitor() const noexcept { return sources.monitor.has_value(); }
+    bool hasPoller() const noexcept { return sources.poller.has_value(); }
+    const Poller* getPoller() const noexcept { return sources.poller ? &*sources.poller : nullptr; }
 
 protected:
     /// coreArguments build the store; the rest is the base entity's.
@@ -60,21 +85,9 @@ protected:
                           CoreArguments&&... coreArguments)
         : Core(std::forward<CoreArguments>(coreArguments)...),
           Base(uri, qos, properties, duvo),
-          logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.subscriber")) {
-        const bool usePoll = getDuvoProperty<bool>(properties, "opc.ps.usePollSubscriber", false);
-        const int periodMs = getDuvoProperty<int>(properties, "opc.ps.pollingPeriodMs", 1000);
-        const Sink sink{this, gate};
-        if (usePoll) {
-            poller.emplace(sink, this->client, this->nodeIds, periodMs);
-        } else {
-            // A type spread over several nodes is never assembled from single notifications:
-            // each one triggers a consistent read of all nodes.
-            if (this->nodeIds.size() > 1) poller.emplace(sink, this->client, this->nodeIds, 0);
-            // A node the server refuses fails the construction, within the submit timeout.
-            const int verdictMs = getDuvoProperty<int>(properties, "opc.asyncCallSubmitTimeoutMs", 1000);
-            monitor.emplace(sink, this->client, this->nodeIds, static_cast<double>(periodMs),
-                            poller ? &*poller : nullptr, std::chrono::milliseconds(verdictMs));
-        }
+          logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.subscriber")),
+          sink(storeOf(static_cast<Core&>(*this)), gate, sampleMaker<T, ST>()) {
+        sources.start(sink, this->client, this->nodeIds, properties);
         LOG4CPLUS_TRACE(logger, kind << " for " << uri << " created");
     }
 
@@ -84,17 +97,16 @@ private:
         // A delivery waiting for the store then gives up, so the monitor and the poller need
         // not wait for it: the closing thread may hold the store's lock.
         Core::stopDeliveries();
-        monitor.reset();
-        poller.reset();
+        sources.stop();
         Core::close();
     }
 
     log4cplus::Logger logger;
     std::atomic<bool> shuttingDown{false};
-    // Outlives the monitor and the poller, which deliver through it.
+    // Outlives the sink, the monitor and the poller, which deliver through it.
     const std::shared_ptr<DeliveryGate> gate = std::make_shared<DeliveryGate>();
-    std::optional<Monitor> monitor;
-    std::optional<Poller> poller;
+    const StoreSink sink;
+    SubscriberSources sources;
 };
 
 } // namespace vesk::duvo::opcua::detail::ps
