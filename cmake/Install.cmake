@@ -30,9 +30,11 @@ install(TARGETS m2-sim m2ctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONE
 install(DIRECTORY core/include/ m2Types/include/ opcua/include/ simulator/include/
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT Development)
 # The binding classes (<generated/opcua/m2Types/m2Types.hpp>) and the templates they stand on.
+# The subscription machinery is the plug-in's own (compiled into it), so its headers stay out.
 install(DIRECTORY plugin/duvo plugin/generated
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/duvo-m2Types-opcua
-        COMPONENT Development FILES_MATCHING PATTERN "*.hpp")
+        COMPONENT Development FILES_MATCHING PATTERN "*.hpp"
+        PATTERN "duvo/ps" EXCLUDE PATTERN "opcua/detail/ps" EXCLUDE PATTERN "entryPoints.hpp" EXCLUDE)
 
 set(DUVO_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/DuvoOpcUa)
 install(EXPORT DuvoOpcUaTargets NAMESPACE Duvo:: DESTINATION ${DUVO_CMAKE_DIR}
