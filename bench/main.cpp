@@ -63,7 +63,7 @@ struct Options {
     int roundMs = 300;
     int samples = 200; // delivery latencies per side and round
     std::vector<std::size_t> scale{1000, 10000};
-    std::string only; // figures whose name starts with this (for profiling one path)
+    std::string only;      // figures whose name starts with this (for profiling one path)
     bool nodePeer = false; // also a node-opcua client's sequential writes and calls
     int load = 0;          // busy processes beside the run
 };
@@ -106,7 +106,9 @@ double secondsSince(Clock::time_point start) { return std::chrono::duration<doub
 double cpuSeconds() {
     rusage usage{};
     ::getrusage(RUSAGE_SELF, &usage);
-    auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + 1e-6 * static_cast<double>(t.tv_usec); };
+    auto seconds = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) + 1e-6 * static_cast<double>(t.tv_usec);
+    };
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
@@ -198,8 +200,10 @@ void nodePeerTable(const std::vector<Figure>& ours, const std::string& endpoint,
     while (std::fgets(line, sizeof line, pipe) != nullptr) {
         char name[128];
         double rate = 0;
-        if (std::sscanf(line, "peer %127s %lf", name, &rate) == 2) peer.emplace_back(name, rate);
-        else output += line;
+        if (std::sscanf(line, "peer %127s %lf", name, &rate) == 2)
+            peer.emplace_back(name, rate);
+        else
+            output += line;
     }
     const int status = ::pclose(pipe);
     if (status != 0 || peer.empty()) {
@@ -234,7 +238,8 @@ int benchMain(const Options& options) {
     const std::string endpoint = server.endpoint();
     std::printf("server %s (own process); %d rounds of %d ms per side and operation; %zu in flight when pipelined; "
                 "%d busy process%s beside\n",
-                endpoint.c_str(), options.rounds, options.roundMs, inFlight, options.load, options.load == 1 ? "" : "es");
+                endpoint.c_str(), options.rounds, options.roundMs, inFlight, options.load,
+                options.load == 1 ? "" : "es");
     std::fflush(stdout);
 
     auto psUri = [&](const std::string& variable) { return vesk::duvo::sim::pubSubUri(authority, variable); };
@@ -337,7 +342,8 @@ int benchMain(const Options& options) {
     {
         UA_CreateSubscriptionRequest request = UA_CreateSubscriptionRequest_default();
         request.requestedPublishingInterval = 0; // as our client asks for a sampling interval of 0
-        const UA_CreateSubscriptionResponse sub = UA_Client_Subscriptions_create(raw.get(), request, nullptr, nullptr, nullptr);
+        const UA_CreateSubscriptionResponse sub =
+            UA_Client_Subscriptions_create(raw.get(), request, nullptr, nullptr, nullptr);
         check(sub.responseHeader.serviceResult == UA_STATUSCODE_GOOD, "raw subscription");
         UA_MonitoredItemCreateRequest item = UA_MonitoredItemCreateRequest_default(int32Node);
         item.requestedParameters.samplingInterval = 0;
@@ -378,7 +384,7 @@ int benchMain(const Options& options) {
         const std::string secureAuthority = secureServer->authority();
         secureDuvo = std::make_shared<OpcUaDuvo>(secure->properties());
         secureFloatPublisher = secureDuvo->createPublisher<m2Types::M2FloatValue0>("opcua-ps://" + secureAuthority +
-                                                                                  "#ns=1;s=M2FloatValue0");
+                                                                                   "#ns=1;s=M2FloatValue0");
         secureFloatSample = secureFloatPublisher->createDataEntity();
         secureFloatSample->setValue0(scalar);
         secureAdsSync = secureDuvo->createClient<m2Types::WhRpcForceSetpointAdsSync>(
@@ -430,8 +436,7 @@ int benchMain(const Options& options) {
                      rawWrite(floatNode, floatVariant, 1)});
     if (secure)
         pairs.push_back({figure("publish_sync_scalar_encrypted", "/s", true, 0.90),
-                         publishSync(secureFloatPublisher, secureFloatSample),
-                         [&]() -> std::size_t {
+                         publishSync(secureFloatPublisher, secureFloatSample), [&]() -> std::size_t {
                              check(secureRaw->write(floatNode, floatVariant(), 1) == 0, "raw encrypted write");
                              return 1;
                          }});
@@ -441,14 +446,15 @@ int benchMain(const Options& options) {
                      rawWrite(shortsNode, shortsVariant, 1)});
     pairs.push_back({figure("publish_sync_string15", "/s", true, 1.0), publishSync(stringsPublisher, stringsSample),
                      rawWrite(stringsNode, stringsVariant, 1)});
-    pairs.push_back({figure("publish_pipelined_scalar", "/s", true, 0.90), publishPipelined(floatPublisher, floatSample),
-                     rawWrite(floatNode, floatVariant, inFlight)});
+    pairs.push_back({figure("publish_pipelined_scalar", "/s", true, 0.90),
+                     publishPipelined(floatPublisher, floatSample), rawWrite(floatNode, floatVariant, inFlight)});
     pairs.push_back({figure("publish_pipelined_matrix36", "/s", true, 0.90),
                      publishPipelined(matrixPublisher, matrixSample), rawWrite(matrixNode, matrixVariant, inFlight)});
     pairs.push_back({figure("publish_pipelined_uint16x62", "/s", true, 0.90),
                      publishPipelined(shortsPublisher, shortsSample), rawWrite(shortsNode, shortsVariant, inFlight)});
     pairs.push_back({figure("publish_pipelined_string15", "/s", true, 0.90),
-                     publishPipelined(stringsPublisher, stringsSample), rawWrite(stringsNode, stringsVariant, inFlight)});
+                     publishPipelined(stringsPublisher, stringsSample),
+                     rawWrite(stringsNode, stringsVariant, inFlight)});
 
     pairs.push_back({figure("rpc_sync_force_ads15", "/s", true, 1.0),
                      [&]() -> std::size_t {
@@ -463,20 +469,19 @@ int benchMain(const Options& options) {
                          return 1;
                      }});
     if (secure)
-        pairs.push_back({figure("rpc_sync_force_ads15_encrypted", "/s", true, 0.90),
-                         [&]() -> std::size_t {
-                             check(secureAdsSync->RPC_ForceSetpointAds(forces[14], forces[13], forces[12], forces[11],
-                                                                       forces[10], forces[9], forces[8], forces[7],
-                                                                       forces[6], forces[5], forces[4], forces[3],
-                                                                       forces[2], forces[1], forces[0]),
-                                   "encrypted RPC_ForceSetpointAds");
-                             return 1;
-                         },
-                         [&]() -> std::size_t {
-                             check(secureRaw->call(adsObject, adsMethod, forceVariants(), 15),
-                                   "raw encrypted ForceSetpointAds");
-                             return 1;
-                         }});
+        pairs.push_back(
+            {figure("rpc_sync_force_ads15_encrypted", "/s", true, 0.90),
+             [&]() -> std::size_t {
+                 check(secureAdsSync->RPC_ForceSetpointAds(forces[14], forces[13], forces[12], forces[11], forces[10],
+                                                           forces[9], forces[8], forces[7], forces[6], forces[5],
+                                                           forces[4], forces[3], forces[2], forces[1], forces[0]),
+                       "encrypted RPC_ForceSetpointAds");
+                 return 1;
+             },
+             [&]() -> std::size_t {
+                 check(secureRaw->call(adsObject, adsMethod, forceVariants(), 15), "raw encrypted ForceSetpointAds");
+                 return 1;
+             }});
     pairs.push_back({figure("rpc_sync_leg_array6", "/s", true, 1.0),
                      [&]() -> std::size_t {
                          check(legSync->RPC_LegPositionSetpoint(legs), "RPC_LegPositionSetpoint");
@@ -486,27 +491,28 @@ int benchMain(const Options& options) {
                          check(raw.call(legObject, legMethod, legVariant(), 1), "raw LegPositionSetpoint");
                          return 1;
                      }});
-    pairs.push_back({figure("rpc_async_force_ads15", "/s", true, 0.90),
-                     [&]() -> std::size_t {
-                         std::vector<boost::future<bool>> replies;
-                         replies.reserve(inFlight);
-                         for (std::size_t i = 0; i < inFlight; ++i)
-                             replies.push_back(adsAsync->RPC_ForceSetpointAds(
-                                 forces[14], forces[13], forces[12], forces[11], forces[10], forces[9], forces[8],
-                                 forces[7], forces[6], forces[5], forces[4], forces[3], forces[2], forces[1], forces[0]));
-                         for (auto& reply : replies) check(reply.get(), "RPC_ForceSetpointAds");
-                         return inFlight;
-                     },
-                     [&]() -> std::size_t {
-                         check(raw.callAsync(adsObject, adsMethod, forceVariants(), 15, inFlight) == 0,
-                               "raw ForceSetpointAds");
-                         return inFlight;
-                     }});
+    pairs.push_back(
+        {figure("rpc_async_force_ads15", "/s", true, 0.90),
+         [&]() -> std::size_t {
+             std::vector<boost::future<bool>> replies;
+             replies.reserve(inFlight);
+             for (std::size_t i = 0; i < inFlight; ++i)
+                 replies.push_back(adsAsync->RPC_ForceSetpointAds(
+                     forces[14], forces[13], forces[12], forces[11], forces[10], forces[9], forces[8], forces[7],
+                     forces[6], forces[5], forces[4], forces[3], forces[2], forces[1], forces[0]));
+             for (auto& reply : replies) check(reply.get(), "RPC_ForceSetpointAds");
+             return inFlight;
+         },
+         [&]() -> std::size_t {
+             check(raw.callAsync(adsObject, adsMethod, forceVariants(), 15, inFlight) == 0, "raw ForceSetpointAds");
+             return inFlight;
+         }});
     pairs.push_back({figure("rpc_async_leg_array6", "/s", true, 0.90),
                      [&]() -> std::size_t {
                          std::vector<boost::future<bool>> replies;
                          replies.reserve(inFlight);
-                         for (std::size_t i = 0; i < inFlight; ++i) replies.push_back(legAsync->RPC_LegPositionSetpoint(legs));
+                         for (std::size_t i = 0; i < inFlight; ++i)
+                             replies.push_back(legAsync->RPC_LegPositionSetpoint(legs));
                          for (auto& reply : replies) check(reply.get(), "RPC_LegPositionSetpoint");
                          return inFlight;
                      },
@@ -555,7 +561,8 @@ int benchMain(const Options& options) {
                                            return;
                                        const UA_DataValue& v = response->results[0];
                                        if (v.hasStatus && UA_StatusCode_isBad(v.status)) return;
-                                       if (v.hasSourceTimestamp && v.sourceTimestamp <= *c->last && *c->last != 0) return;
+                                       if (v.hasSourceTimestamp && v.sourceTimestamp <= *c->last && *c->last != 0)
+                                           return;
                                        *c->last = v.sourceTimestamp;
                                        const auto* data = static_cast<const double*>(v.value.data);
                                        c->values->assign(data, data + v.value.arrayLength);
@@ -571,8 +578,9 @@ int benchMain(const Options& options) {
     for (auto& p : pairs)
         if (figures[p.figure].name == "rpc_sync_force_ads15") p.cpuFigure = figure("cpu_rpc_sync", "us", false, 0.0);
 
-    pairs.erase(std::remove_if(pairs.begin(), pairs.end(), [&](const Pair& p) { return !wanted(figures[p.figure].name); }),
-                pairs.end());
+    pairs.erase(
+        std::remove_if(pairs.begin(), pairs.end(), [&](const Pair& p) { return !wanted(figures[p.figure].name); }),
+        pairs.end());
     const bool measureDelivery = wanted("subscribe_delivery");
 
     // Warm-up: connections, plug-in, first allocations.
@@ -680,7 +688,8 @@ int benchMain(const Options& options) {
         Figure delivery{prefix + "deliver_one_change", "ms", false, 0.0, {}, {}};
         const int runs = n >= 10000 ? 1 : 3;
         for (int run = 0; run < runs; ++run) {
-            for (const char* kind : run % 2 == 0 ? std::vector<const char*>{"ours", "raw"} : std::vector<const char*>{"raw", "ours"}) {
+            for (const char* kind :
+                 run % 2 == 0 ? std::vector<const char*>{"ours", "raw"} : std::vector<const char*>{"raw", "ours"}) {
                 const ScaleResult r = runScale(self, kind, n, endpoint);
                 const bool ours = std::strcmp(kind, "ours") == 0;
                 (ours ? creation.ours : creation.raw).push_back(r.creationMs);
@@ -718,12 +727,18 @@ int main(int argc, char** argv) {
         Options options;
         for (std::size_t i = 0; i < args.size(); ++i) {
             const bool hasValue = i + 1 < args.size();
-            if (args[i] == "--rounds" && hasValue) options.rounds = std::stoi(args[++i]);
-            else if (args[i] == "--round-ms" && hasValue) options.roundMs = std::stoi(args[++i]);
-            else if (args[i] == "--samples" && hasValue) options.samples = std::stoi(args[++i]);
-            else if (args[i] == "--only" && hasValue) options.only = args[++i];
-            else if (args[i] == "--node-peer") options.nodePeer = true;
-            else if (args[i] == "--load" && hasValue) options.load = std::stoi(args[++i]);
+            if (args[i] == "--rounds" && hasValue)
+                options.rounds = std::stoi(args[++i]);
+            else if (args[i] == "--round-ms" && hasValue)
+                options.roundMs = std::stoi(args[++i]);
+            else if (args[i] == "--samples" && hasValue)
+                options.samples = std::stoi(args[++i]);
+            else if (args[i] == "--only" && hasValue)
+                options.only = args[++i];
+            else if (args[i] == "--node-peer")
+                options.nodePeer = true;
+            else if (args[i] == "--load" && hasValue)
+                options.load = std::stoi(args[++i]);
             else if (args[i] == "--scale" && hasValue) {
                 options.scale.clear();
                 std::string list = args[++i];

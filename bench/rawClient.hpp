@@ -30,8 +30,10 @@ public:
         UA_ClientConfig config;
         std::memset(&config, 0, sizeof config);
         config.logging = UA_Log_Stdout_new(UA_LOGLEVEL_ERROR);
-        if (security == nullptr) UA_ClientConfig_setDefault(&config);
-        else encrypt(config, *security);
+        if (security == nullptr)
+            UA_ClientConfig_setDefault(&config);
+        else
+            encrypt(config, *security);
         config.timeout = 10000;
         client_ = UA_Client_newWithConfig(&config);
         if (client_ == nullptr || UA_Client_connect(client_, endpoint.c_str()) != UA_STATUSCODE_GOOD)
@@ -81,8 +83,8 @@ public:
                           std::size_t inputCount, std::size_t count) {
         Batch batch{count, 0};
         for (std::size_t i = 0; i < count; ++i)
-            if (UA_Client_call_async(client_, object, method, inputCount, inputs, &RawClient::onCall, &batch, nullptr) !=
-                UA_STATUSCODE_GOOD) {
+            if (UA_Client_call_async(client_, object, method, inputCount, inputs, &RawClient::onCall, &batch,
+                                     nullptr) != UA_STATUSCODE_GOOD) {
                 --batch.pending;
                 ++batch.failures;
             }
@@ -95,7 +97,8 @@ public:
         std::size_t outputSize = 0;
         UA_Variant* output = nullptr;
         const UA_StatusCode rc = UA_Client_call(client_, object, method, inputCount, inputs, &outputSize, &output);
-        const bool ok = rc == UA_STATUSCODE_GOOD && outputSize == 1 && UA_Variant_hasScalarType(&output[0], &UA_TYPES[UA_TYPES_BOOLEAN]) &&
+        const bool ok = rc == UA_STATUSCODE_GOOD && outputSize == 1 &&
+                        UA_Variant_hasScalarType(&output[0], &UA_TYPES[UA_TYPES_BOOLEAN]) &&
                         *static_cast<UA_Boolean*>(output[0].data);
         UA_Array_delete(output, outputSize, &UA_TYPES[UA_TYPES_VARIANT]);
         return ok;
@@ -106,7 +109,8 @@ private:
 
     /// A certificate of its own, made as open62541's examples make one.
     static void encrypt(UA_ClientConfig& config, const Security& security) {
-        UA_String subject[] = {UA_STRING(const_cast<char*>("CN=duvo-bench-raw")), UA_STRING(const_cast<char*>("O=duvo"))};
+        UA_String subject[] = {UA_STRING(const_cast<char*>("CN=duvo-bench-raw")),
+                               UA_STRING(const_cast<char*>("O=duvo"))};
         const std::string san = std::string("URI:") + applicationUri;
         UA_String alternative[] = {UA_STRING(const_cast<char*>(san.c_str())),
                                    UA_STRING(const_cast<char*>("DNS:localhost"))};
@@ -150,11 +154,11 @@ private:
     static void onCall(UA_Client*, void* userdata, UA_UInt32, UA_CallResponse* response) {
         auto* batch = static_cast<Batch*>(userdata);
         --batch->pending;
-        const bool ok = response->responseHeader.serviceResult == UA_STATUSCODE_GOOD && response->resultsSize == 1 &&
-                        response->results[0].statusCode == UA_STATUSCODE_GOOD &&
-                        response->results[0].outputArgumentsSize == 1 &&
-                        UA_Variant_hasScalarType(&response->results[0].outputArguments[0], &UA_TYPES[UA_TYPES_BOOLEAN]) &&
-                        *static_cast<UA_Boolean*>(response->results[0].outputArguments[0].data);
+        const bool ok =
+            response->responseHeader.serviceResult == UA_STATUSCODE_GOOD && response->resultsSize == 1 &&
+            response->results[0].statusCode == UA_STATUSCODE_GOOD && response->results[0].outputArgumentsSize == 1 &&
+            UA_Variant_hasScalarType(&response->results[0].outputArguments[0], &UA_TYPES[UA_TYPES_BOOLEAN]) &&
+            *static_cast<UA_Boolean*>(response->results[0].outputArguments[0].data);
         if (!ok) ++batch->failures;
     }
 

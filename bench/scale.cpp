@@ -2,8 +2,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -114,7 +114,8 @@ ScaleResult scaleRaw(std::size_t count, const std::string& endpoint) {
     subscription.requestedPublishingInterval = 0; // the server's fastest, as our client asks
     const UA_CreateSubscriptionResponse created =
         UA_Client_Subscriptions_create(client.get(), subscription, nullptr, nullptr, nullptr);
-    if (created.responseHeader.serviceResult != UA_STATUSCODE_GOOD) throw std::runtime_error("cannot create a subscription");
+    if (created.responseHeader.serviceResult != UA_STATUSCODE_GOOD)
+        throw std::runtime_error("cannot create a subscription");
 
     Arrivals arrivals(count);
     struct Slot {

@@ -7,9 +7,9 @@
 namespace duvo::bench {
 
 struct ScaleResult {
-    double creationMs = 0;    // creating them until every one holds its first sample
+    double creationMs = 0; // creating them until every one holds its first sample
     double bytesPerSubscriber = 0;
-    double deliveryMs = 0;    // one write until every one holds the new value
+    double deliveryMs = 0; // one write until every one holds the new value
 };
 
 /// In the child: "ours" (subscribers created through the loaded plug-in) or "raw" (monitored

@@ -50,9 +50,12 @@ public:
 
     /// Our side's properties: SignAndEncrypt with Basic256Sha256, as the user.
     std::map<std::string, std::string> properties() const {
-        return {{"opc.ps.pollingPeriodMs", "0"},         {"opc.security.mode", "SignAndEncrypt"},
-                {"opc.security.policy", "Basic256Sha256"}, {"opc.security.pkiDir", clientPki()},
-                {"opc.security.user", user},               {"opc.security.passwordFile", passwordFile()}};
+        return {{"opc.ps.pollingPeriodMs", "0"},
+                {"opc.security.mode", "SignAndEncrypt"},
+                {"opc.security.policy", "Basic256Sha256"},
+                {"opc.security.pkiDir", clientPki()},
+                {"opc.security.user", user},
+                {"opc.security.passwordFile", passwordFile()}};
     }
 
 private:

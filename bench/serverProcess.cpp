@@ -56,7 +56,8 @@ int serveMain(const std::vector<std::string>& args) {
 ServerProcess::ServerProcess(const std::string& self, const std::vector<std::string>& args) {
     int toChild[2];
     int fromChild[2];
-    if (pipe(toChild) != 0 || pipe(fromChild) != 0) throw std::runtime_error("pipe: " + std::string(std::strerror(errno)));
+    if (pipe(toChild) != 0 || pipe(fromChild) != 0)
+        throw std::runtime_error("pipe: " + std::string(std::strerror(errno)));
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, toChild[0], STDIN_FILENO);

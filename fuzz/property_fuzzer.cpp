@@ -53,7 +53,8 @@ std::optional<T> read(const std::map<std::string, std::string>& props, const std
     } catch (const std::runtime_error& e) {
         const std::string expected = "invalid value for DUVO property \"" + key + "\": \"" + props.at(key) + "\"";
         // what() ends at a NUL byte.
-        if (e.what() != expected.substr(0, expected.find('\0'))) fail(std::string("refused with another text: ") + e.what(), key, props.at(key));
+        if (e.what() != expected.substr(0, expected.find('\0')))
+            fail(std::string("refused with another text: ") + e.what(), key, props.at(key));
         return std::nullopt;
     } catch (const std::exception& e) {
         fail(std::string("threw something else than std::runtime_error: ") + e.what(), key, props.at(key));
@@ -72,9 +73,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     const auto flag = read<bool>(props, key, false);
     const std::string l = lower(value);
-    const std::optional<bool> wanted =
-        (l == "true" || l == "1") ? std::optional<bool>(true) : (l == "false" || l == "0") ? std::optional<bool>(false)
-                                                                                          : std::nullopt;
+    const std::optional<bool> wanted = (l == "true" || l == "1")    ? std::optional<bool>(true)
+                                       : (l == "false" || l == "0") ? std::optional<bool>(false)
+                                                                    : std::nullopt;
     if (flag != wanted) fail("bool read differently", key, value);
 
     if (read<int>(props, key, 0) != integer<int>(value)) fail("int read differently", key, value);

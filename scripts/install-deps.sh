@@ -40,7 +40,7 @@ PACKAGES=(
 )
 if [ "$scope" = all ]; then
     # Tests, benchmarks, and the fuzz targets (clang's libFuzzer).
-    PACKAGES+=(googletest libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev)
+    PACKAGES+=(googletest libgtest-dev libgmock-dev libbenchmark-dev clang clang-format libclang-rt-14-dev)
     # The interop tests' second server runs on Node.js: Debian's own unless one is installed.
     command -v node >/dev/null || PACKAGES+=(nodejs npm)
 fi

@@ -19,20 +19,20 @@ int main(int argc, char** argv) {
     vesk::duvo::sim::Options options;
     bool verbose = false;
     std::string security = "none";
-    po::options_description description("Usage: m2-sim [options]\nServes the m2Types variables and methods over OPC UA");
-    description.add_options()
-        ("help,h", "print this help and exit")
-        ("port,p", po::value<std::uint16_t>(&options.port)->default_value(4840), "TCP port, 0 for a free one")
-        ("bind,b", po::value<std::string>(&options.bindAddress)->default_value("127.0.0.1"),
-         "address to listen on, 0.0.0.0 for every interface")
-        ("animate,a", po::bool_switch(&options.animate), "change some variables periodically")
-        ("security", po::value<std::string>(&security)->default_value("none"),
-         "none, secure (Sign and SignAndEncrypt endpoints) or both")
-        ("users", po::value<std::string>(&options.usersFile),
-         "file of name:password lines; anonymous sessions are then refused")
-        ("pki", po::value<std::string>(&options.pkiDir),
-         "PKI folder: own/ (created if missing), trusted/ (if it holds certificates, only those clients)")
-        ("verbose,v", po::bool_switch(&verbose), "show the server's informational messages");
+    po::options_description description(
+        "Usage: m2-sim [options]\nServes the m2Types variables and methods over OPC UA");
+    description.add_options()("help,h", "print this help and exit")(
+        "port,p", po::value<std::uint16_t>(&options.port)->default_value(4840), "TCP port, 0 for a free one")(
+        "bind,b", po::value<std::string>(&options.bindAddress)->default_value("127.0.0.1"),
+        "address to listen on, 0.0.0.0 for every interface")("animate,a", po::bool_switch(&options.animate),
+                                                             "change some variables periodically")(
+        "security", po::value<std::string>(&security)->default_value("none"),
+        "none, secure (Sign and SignAndEncrypt endpoints) or both")(
+        "users", po::value<std::string>(&options.usersFile),
+        "file of name:password lines; anonymous sessions are then refused")(
+        "pki", po::value<std::string>(&options.pkiDir),
+        "PKI folder: own/ (created if missing), trusted/ (if it holds certificates, only those clients)")(
+        "verbose,v", po::bool_switch(&verbose), "show the server's informational messages");
     try {
         po::variables_map vm;
         po::store(po::parse_command_line(argc, argv, description), vm);
@@ -46,8 +46,10 @@ int main(int argc, char** argv) {
         return 2;
     }
     options.logLevel = verbose ? UA_LOGLEVEL_INFO : UA_LOGLEVEL_WARNING;
-    if (security == "secure") options.security = vesk::duvo::sim::Options::Security::Secure;
-    else if (security == "both") options.security = vesk::duvo::sim::Options::Security::Both;
+    if (security == "secure")
+        options.security = vesk::duvo::sim::Options::Security::Secure;
+    else if (security == "both")
+        options.security = vesk::duvo::sim::Options::Security::Both;
     else if (security != "none") {
         std::cerr << "m2-sim: --security is none, secure or both, not \"" << security << "\"\n";
         return 2;

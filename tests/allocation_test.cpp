@@ -15,7 +15,7 @@
 namespace {
 std::atomic<long> allocations{0};
 std::atomic<bool> exhausted{false}; // every allocation fails while set
-}
+} // namespace
 
 void* operator new(std::size_t n) {
     ++allocations;

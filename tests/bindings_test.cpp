@@ -92,7 +92,8 @@ protected:
 using AllTypes = m2Types::rebind_t<::testing::Types, m2Types::DataTypes>;
 TYPED_TEST_SUITE(SampleBindingTest, AllTypes, duvo::test::TypeNames);
 
-TYPED_TEST(SampleBindingTest, starts_empty_and_its_value_has_the_catalogue_type_and_shape_and_survives_wire_clone_and_copy) {
+TYPED_TEST(SampleBindingTest,
+           starts_empty_and_its_value_has_the_catalogue_type_and_shape_and_survives_wire_clone_and_copy) {
     using ST = typename TestFixture::ST;
     ST sample;
     EXPECT_EQ(sample.getDataValueCount(), 1u);
@@ -114,7 +115,9 @@ TYPED_TEST(SampleBindingTest, starts_empty_and_its_value_has_the_catalogue_type_
     EXPECT_EQ(dv->value.storageType, UA_VARIANT_DATA_NODELETE);
     EXPECT_EQ(dv->value.arrayDimensionsSize, 0u);
     EXPECT_EQ(!UA_Variant_isScalar(&dv->value), row.array);
-    if (row.array) EXPECT_EQ(dv->value.arrayLength, TypeParam::nominalLength);
+    if (row.array) {
+        EXPECT_EQ(dv->value.arrayLength, TypeParam::nominalLength);
+    }
 
     OwnedDataValue wire;
     throughTheWire(*dv, wire);
@@ -138,7 +141,8 @@ TYPED_TEST(SampleBindingTest, starts_empty_and_its_value_has_the_catalogue_type_
 
 template <class T>
 class VectorBindingTest : public SampleBindingTest<T> {};
-using VectorTypes = m2Types::rebind_t<::testing::Types, duvo::test::Filter<duvo::test::IsVector, m2Types::DataTypes>::type>;
+using VectorTypes =
+    m2Types::rebind_t<::testing::Types, duvo::test::Filter<duvo::test::IsVector, m2Types::DataTypes>::type>;
 TYPED_TEST_SUITE(VectorBindingTest, VectorTypes, duvo::test::TypeNames);
 
 TYPED_TEST(VectorBindingTest, vectors_carry_any_length_and_empty_is_the_sentinel) {

@@ -18,16 +18,17 @@ using namespace vesk::duvo;
 
 // Every exception of the middleware is a DuvoException, and that a runtime error.
 static_assert(std::is_base_of_v<DuvoException, IllegalStateException> &&
-              std::is_base_of_v<DuvoException, TimeoutException> && std::is_base_of_v<std::runtime_error, DuvoException>);
+              std::is_base_of_v<DuvoException, TimeoutException> &&
+              std::is_base_of_v<std::runtime_error, DuvoException>);
 
 TEST(Util, timestamps_convert_both_ways) {
     EXPECT_EQ(util::timestampFromDouble(1.5), 1500);
     EXPECT_EQ(util::timestampFromDouble(1.9999), 1999);
     EXPECT_DOUBLE_EQ(util::timestampToDouble(1500), 1.5);
     const auto now = util::currentTimeMillis();
-    const auto system = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            std::chrono::system_clock::now().time_since_epoch())
-                            .count();
+    const auto system =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
     EXPECT_LE(std::abs(system - now), 1000);
 }
 

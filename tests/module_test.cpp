@@ -12,9 +12,9 @@ using vesk::duvo::shared_vector;
 // Method signatures: scalars by value, vectors by const reference, in catalogue order.
 static_assert(std::is_same_v<decltype(&m2Types::OpRpcSystemBuiltInTest::RPC_BuiltInTest),
                              bool (m2Types::OpRpcSystemBuiltInTest::*)(unsigned char, short, short)>);
-static_assert(std::is_same_v<decltype(&m2Types::AsyncPsRpcLegPositionSetpoint::RPC_LegPositionSetpoint),
-                             boost::future<bool> (m2Types::AsyncPsRpcLegPositionSetpoint::*)(
-                                 const shared_vector<const double>&)>);
+static_assert(std::is_same_v<
+              decltype(&m2Types::AsyncPsRpcLegPositionSetpoint::RPC_LegPositionSetpoint),
+              boost::future<bool> (m2Types::AsyncPsRpcLegPositionSetpoint::*)(const shared_vector<const double>&)>);
 static_assert(std::is_same_v<decltype(&m2Types::WhRpcRearmWarpingHarness::RPC_RearmRearmWarpingHarness),
                              bool (m2Types::WhRpcRearmWarpingHarness::*)(bool)>);
 

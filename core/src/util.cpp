@@ -18,9 +18,7 @@ std::int64_t currentTimeMillis() {
 
 double timestampToDouble(std::int64_t millis) { return static_cast<double>(millis) / 1000.0; }
 
-std::int64_t timestampFromDouble(double seconds) {
-    return static_cast<std::int64_t>(std::floor(seconds * 1000.0));
-}
+std::int64_t timestampFromDouble(double seconds) { return static_cast<std::int64_t>(std::floor(seconds * 1000.0)); }
 
 std::string newUUID() {
     thread_local std::mt19937_64 engine{std::random_device{}()};
@@ -35,7 +33,8 @@ std::string newUUID() {
 long getReplyTimeQoS(const std::vector<std::shared_ptr<rr::qos::QoS>>& qos) {
     long reply = INT32_MAX;
     for (const auto& q : qos)
-        if (const auto* r = dynamic_cast<const rr::qos::ReplyTime*>(q.get())) reply = static_cast<long>(r->getValue().count());
+        if (const auto* r = dynamic_cast<const rr::qos::ReplyTime*>(q.get()))
+            reply = static_cast<long>(r->getValue().count());
     return reply;
 }
 

@@ -34,9 +34,9 @@ int main(int argc, char** argv) try {
         std::cout << "M2FloatVector6 holds " << latest->getValue0().size() << " values, first "
                   << latest->getValue0()[0] << "\n";
 
-    auto power = duvo->createClient<m2Types::PsRpcSetpowerSync>(
-        vesk::duvo::sim::rpcUri(device, "PsRpcSetpower", "RPC_SetPower"),
-        {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(2000ms)});
+    auto power =
+        duvo->createClient<m2Types::PsRpcSetpowerSync>(vesk::duvo::sim::rpcUri(device, "PsRpcSetpower", "RPC_SetPower"),
+                                                       {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(2000ms)});
     std::cout << "RPC_SetPower(true) returned " << std::boolalpha << power->RPC_SetPower(true) << "\n";
     return 0;
 } catch (const std::exception& e) {

@@ -7,10 +7,10 @@ namespace m2Types {
 M2TYPES_DATA_CATALOGUE(M2TYPES_DEFINE_TYPE)
 #undef M2TYPES_DEFINE_TYPE
 
-#define M2TYPES_DEFINE_INTERFACE(Iface, ...) \
-    Iface::~Iface() = default;               \
-    Async##Iface::~Async##Iface() = default; \
-    Iface##Sync::~Iface##Sync() = default;   \
+#define M2TYPES_DEFINE_INTERFACE(Iface, ...)                                                                           \
+    Iface::~Iface() = default;                                                                                         \
+    Async##Iface::~Async##Iface() = default;                                                                           \
+    Iface##Sync::~Iface##Sync() = default;                                                                             \
     Iface##Async::~Iface##Async() = default;
 M2TYPES_INTERFACE_CATALOGUE(M2TYPES_DEFINE_INTERFACE)
 #undef M2TYPES_DEFINE_INTERFACE

@@ -129,14 +129,18 @@ void ClientCore::stop() {
     const auto self = std::this_thread::get_id();
     const bool onOwnThread = self == netThread_.get_id() || self == ioThread_.get_id() || onDrivingThread();
     if (netThread_.joinable()) {
-        if (onOwnThread) netThread_.detach();
-        else netThread_.join();
+        if (onOwnThread)
+            netThread_.detach();
+        else
+            netThread_.join();
     }
     work_.reset();
     io_.stop();
     if (ioThread_.joinable()) {
-        if (onOwnThread) ioThread_.detach();
-        else ioThread_.join();
+        if (onOwnThread)
+            ioThread_.detach();
+        else
+            ioThread_.join();
     }
 }
 
@@ -169,8 +173,8 @@ void ClientCore::shutdownSequence() {
         const UA_StatusCode rc = sendIfUp([&] {
             return UA_Client_Subscriptions_delete_async(
                 client_, request,
-                [](UA_Client*, void* flag, UA_UInt32, void*) { static_cast<std::atomic<bool>*>(flag)->store(true); }, &done,
-                nullptr);
+                [](UA_Client*, void* flag, UA_UInt32, void*) { static_cast<std::atomic<bool>*>(flag)->store(true); },
+                &done, nullptr);
         });
         const auto until = Clock::now() + shutdownGrace;
         while (rc == UA_STATUSCODE_GOOD && !done.load() && Clock::now() < until) UA_Client_run_iterate(client_, 10);
@@ -186,7 +190,8 @@ void ClientCore::shutdownSequence() {
     // Stopped here in short steps: UA_Client_delete would wait 100 ms per step.
     UA_EventLoop* loop = UA_Client_getConfig(client_)->eventLoop;
     if (loop->state == UA_EVENTLOOPSTATE_STARTED) loop->stop(loop);
-    for (const auto until = Clock::now() + shutdownGrace; loop->state == UA_EVENTLOOPSTATE_STOPPING && Clock::now() < until;)
+    for (const auto until = Clock::now() + shutdownGrace;
+         loop->state == UA_EVENTLOOPSTATE_STOPPING && Clock::now() < until;)
         loop->run(loop, 1);
     UA_Client_delete(client_); // calls back the requests still open with BadShutdown
     client_ = nullptr;
@@ -260,8 +265,10 @@ void ClientCore::maintainConnection(Clock::time_point now) {
         {
             std::lock_guard<std::mutex> lock(connection_.mutex);
             connection_.lastStatus = UA_STATUSCODE_GOOD;
-            if (why.empty()) connection_.securityWhy.reset();
-            else connection_.securityWhy = std::make_shared<const std::string>(why);
+            if (why.empty())
+                connection_.securityWhy.reset();
+            else
+                connection_.securityWhy = std::make_shared<const std::string>(why);
         }
         if (!why.empty()) connection_.backoff = maxBackoff;
         const UA_StatusCode rc = ready ? __UA_Client_connect(client_, true) : UA_STATUSCODE_GOOD;
@@ -387,7 +394,8 @@ void OpcUaClient::asyncConnect() { core_->asyncConnect(); }
 
 bool OpcUaClient::isConnected() const { return core_->isConnected(); }
 
-NotificationQueue<OpcUaClient::ConnectionCallback>::Handle OpcUaClient::addConnectionCallback(ConnectionCallback callback) {
+NotificationQueue<OpcUaClient::ConnectionCallback>::Handle
+OpcUaClient::addConnectionCallback(ConnectionCallback callback) {
     return core_->addConnectionCallback(std::move(callback));
 }
 
@@ -409,8 +417,8 @@ std::vector<OpcUaClient::ReadValueId> OpcUaClient::makeReadValueIds(const std::v
     return ids;
 }
 
-boost::future<OpcUaClient::ReadResponse> OpcUaClient::readValuesAsync(const std::vector<ReadValueId>& ids, std::size_t count,
-                                                                      Clock::time_point deadline) {
+boost::future<OpcUaClient::ReadResponse> OpcUaClient::readValuesAsync(const std::vector<ReadValueId>& ids,
+                                                                      std::size_t count, Clock::time_point deadline) {
     FulfilPromise<UA_ReadResponse> done;
     auto future = done.promise.get_future();
     readValues(ids, count, deadline, std::move(done));
@@ -425,8 +433,10 @@ boost::future<OpcUaClient::WriteResponse> OpcUaClient::writeValuesAsync(UA_Write
     return future;
 }
 
-boost::future<OpcUaClient::CallResponse> OpcUaClient::callMethodsAsync(UA_CallMethodRequest* requests, std::size_t count,
-                                                                       Clock::time_point submitDeadline, long replyTimeMs) {
+boost::future<OpcUaClient::CallResponse> OpcUaClient::callMethodsAsync(UA_CallMethodRequest* requests,
+                                                                       std::size_t count,
+                                                                       Clock::time_point submitDeadline,
+                                                                       long replyTimeMs) {
     FulfilPromise<UA_CallResponse> done;
     auto future = done.promise.get_future();
     callMethods(requests, count, submitDeadline, replyTimeMs, std::move(done));

@@ -60,8 +60,8 @@ public:
     void asyncConnect();
     bool isConnected();
     ConnectionQueue::Handle addConnectionCallback(OpcUaClient::ConnectionCallback cb);
-    MonitorQueue::Handle monitor(const UA_NodeId& nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> cb,
-                                 std::function<void(UA_StatusCode)> onStatus);
+    MonitorQueue::Handle monitor(const UA_NodeId& nodeId, double samplingIntervalMs,
+                                 std::function<void(UA_DataValue*)> cb, std::function<void(UA_StatusCode)> onStatus);
 
     void submit(const std::shared_ptr<Pending>& p, void* request, Clock::time_point submitDeadline,
                 Clock::time_point replyDeadline, long replyTimeMs);
@@ -114,7 +114,7 @@ private:
     // Who drives open62541's loop: one thread at a time, a caller waiting for a reply first,
     // the network thread while no caller does (clientRequests.cpp).
     struct Drive {
-        std::mutex mutex; // guards what follows; never held with another lock or while driving
+        std::mutex mutex;           // guards what follows; never held with another lock or while driving
         std::condition_variable cv; // a turn ended, or the client stops
         bool driving = false;
         bool networkDriving = false;
@@ -219,7 +219,8 @@ private:
     // send (a few hundred bytes each time), so these go out only over an open channel with an
     // activated session, read afresh: the state seen at the top of a round may be stale by the
     // time it sends.
-    template <class Send> UA_StatusCode sendIfUp(Send&& send) {
+    template <class Send>
+    UA_StatusCode sendIfUp(Send&& send) {
         UA_SecureChannelState channel;
         UA_SessionState session;
         UA_StatusCode status;
@@ -231,7 +232,8 @@ private:
 
     // open62541 callbacks, on the driving thread: they only record; the loop acts.
     static ClientCore* of(UA_Client* client) { return static_cast<ClientCore*>(UA_Client_getContext(client)); }
-    static void onState(UA_Client* client, UA_SecureChannelState channel, UA_SessionState session, UA_StatusCode status);
+    static void onState(UA_Client* client, UA_SecureChannelState channel, UA_SessionState session,
+                        UA_StatusCode status);
     static void onInactivity(UA_Client* client);
     static void onResponse(UA_Client* client, void* userdata, UA_UInt32 requestId, void* response);
     static void onDetached(UA_Client*, void*, UA_UInt32, void*) {}

@@ -26,7 +26,8 @@ constexpr auto subscriptionRetry = 1000ms;
 constexpr double longestPublishingInterval = 100; // ms
 
 // Keep-alives about once a second, and a lifetime of a minute or more.
-template <class Request> void setSubscriptionTiming(Request& request, double publishingInterval) {
+template <class Request>
+void setSubscriptionTiming(Request& request, double publishingInterval) {
     request.requestedPublishingInterval = publishingInterval;
     const double interval = std::max(1.0, publishingInterval);
     request.requestedMaxKeepAliveCount = static_cast<UA_UInt32>(std::clamp(std::ceil(1000.0 / interval), 3.0, 10000.0));
@@ -347,8 +348,8 @@ void ClientCore::onSubscriptionCreated(UA_Client* client, void* userdata, UA_UIn
     const bool current = m.sub.generation == generation && m.sub.state == SubscriptionState::Creating;
     if (r->responseHeader.serviceResult != UA_STATUSCODE_GOOD) {
         if (!current) return;
-        LOG4CPLUS_ERROR(clientLogger(), "cannot create a subscription on " << core->endpoint_ << ": "
-                                                                     << statusName(r->responseHeader.serviceResult));
+        LOG4CPLUS_ERROR(clientLogger(), "cannot create a subscription on "
+                                            << core->endpoint_ << ": " << statusName(r->responseHeader.serviceResult));
         m.sub.state = SubscriptionState::None;
         m.sub.retryAt = Clock::now() + subscriptionRetry;
         return;
@@ -426,8 +427,10 @@ void ClientCore::onItemsCreated(UA_Client* client, void* userdata, UA_UInt32, vo
             // Reported once: by the registration's owner when it listens, else here.
             const std::string what = "cannot monitor " + nodeIdToString(*record.entry->callback.nodeId) + " on " +
                                      core->endpoint_ + ": " + statusName(result.statusCode);
-            if (record.entry->callback.onStatus) LOG4CPLUS_DEBUG(clientLogger(), what);
-            else LOG4CPLUS_ERROR(clientLogger(), what);
+            if (record.entry->callback.onStatus)
+                LOG4CPLUS_DEBUG(clientLogger(), what);
+            else
+                LOG4CPLUS_ERROR(clientLogger(), what);
             record.state = ItemState::Failed;
             continue;
         }

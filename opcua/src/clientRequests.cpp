@@ -33,7 +33,8 @@ constexpr auto callerLinger = 2ms;
 UA_UInt32 timeoutHint(Clock::time_point deadline, Clock::time_point now) {
     if (deadline == Clock::time_point::max()) return noDeadlineHintMs;
     const auto remaining = std::max<long long>(0, std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count());
-    return static_cast<UA_UInt32>(std::min<long long>(2 * remaining + hintMarginMs, std::numeric_limits<UA_Int32>::max()));
+    return static_cast<UA_UInt32>(
+        std::min<long long>(2 * remaining + hintMarginMs, std::numeric_limits<UA_Int32>::max()));
 }
 
 bool meansNotConnected(UA_StatusCode rc) {
@@ -188,7 +189,8 @@ void ClientCore::flushQueue() {
         }
         const auto now = Clock::now();
         if (p->replyTimeMs >= 0)
-            p->replyDeadline = p->replyTimeMs > 0 ? now + std::chrono::milliseconds(p->replyTimeMs) : Clock::time_point::max();
+            p->replyDeadline =
+                p->replyTimeMs > 0 ? now + std::chrono::milliseconds(p->replyTimeMs) : Clock::time_point::max();
         const SendResult result = send(p, p->request);
         if (result == SendResult::NotConnected) {
             std::lock_guard<std::mutex> lock(pipeline_.mutex);
@@ -248,7 +250,8 @@ void ClientCore::fulfilCompleted() {
         } catch (const boost::thread_interrupted&) {
             interrupted = true;
         } catch (const std::exception& e) {
-            LOG4CPLUS_ERROR(clientLogger(), "exception in the completion of a request to " << endpoint_ << ": " << e.what());
+            LOG4CPLUS_ERROR(clientLogger(),
+                            "exception in the completion of a request to " << endpoint_ << ": " << e.what());
         } catch (...) {
             LOG4CPLUS_ERROR(clientLogger(), "unknown exception in the completion of a request to " << endpoint_);
         }
@@ -308,8 +311,10 @@ void ClientCore::submit(const std::shared_ptr<Pending>& p, void* request, Clock:
     bool direct = false;
     {
         std::lock_guard<std::mutex> lock(pipeline_.mutex);
-        if (pipeline_.stopRequested) p->decide(Pending::Outcome::ShutDown);
-        else if (pipeline_.sessionActive) direct = true;
+        if (pipeline_.stopRequested)
+            p->decide(Pending::Outcome::ShutDown);
+        else if (pipeline_.sessionActive)
+            direct = true;
         else if (submitDeadline <= now) {
             p->decide(Pending::Outcome::NotConnected);
             p->why = securityWhy();
@@ -326,9 +331,14 @@ void ClientCore::submit(const std::shared_ptr<Pending>& p, void* request, Clock:
     if (replyTimeMs >= 0)
         p->replyDeadline = replyTimeMs > 0 ? now + std::chrono::milliseconds(replyTimeMs) : Clock::time_point::max();
     switch (send(p, request)) {
-    case SendResult::Sent: break;
-    case SendResult::NotConnected: enqueue(p, request); break;
-    case SendResult::Decided: p->fulfil(endpoint_); break;
+    case SendResult::Sent:
+        break;
+    case SendResult::NotConnected:
+        enqueue(p, request);
+        break;
+    case SendResult::Decided:
+        p->fulfil(endpoint_);
+        break;
     }
     return;
 }
@@ -406,7 +416,7 @@ void ClientCore::onResponse(UA_Client* client, void* userdata, UA_UInt32, void* 
         // open62541 answers by itself (request handle 0) when the request could not be completed.
         if (header->requestHandle == 0 && header->serviceResult != UA_STATUSCODE_GOOD) {
             const UA_StatusCode rc = header->serviceResult;
-            keep->decide(rc == UA_STATUSCODE_BADSHUTDOWN ? Pending::Outcome::ShutDown
+            keep->decide(rc == UA_STATUSCODE_BADSHUTDOWN  ? Pending::Outcome::ShutDown
                          : rc == UA_STATUSCODE_BADTIMEOUT ? Pending::Outcome::Timeout
                                                           : Pending::Outcome::ConnectionLost,
                          rc);

@@ -48,7 +48,8 @@ bool EventLoopWaker::open(UA_EventLoop* loop) {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    if (::bind(listener.fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(listener.fd, 1) != 0 ||
+    if (::bind(listener.fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(listener.fd, 1) != 0 ||
         ::getsockname(listener.fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
         return false;
 
@@ -79,8 +80,7 @@ void EventLoopWaker::wake() {
     if (fd_ < 0) return;
     const char byte = 0;
     // A full buffer means a wake is pending already.
-    while (::send(fd_, &byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT) < 0 && errno == EINTR) {
-    }
+    while (::send(fd_, &byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT) < 0 && errno == EINTR) {}
 }
 
 void EventLoopWaker::onConnection(UA_ConnectionManager*, uintptr_t, void* application, void**, UA_ConnectionState state,

@@ -24,8 +24,10 @@ std::shared_ptr<OpcUaClient> OpcUaDuvo::getClient(const std::string& endpoint,
         if (auto it = properties_.find(*key); it != properties_.end()) properties.emplace(*key, it->second);
     std::lock_guard<std::mutex> lock(clientsMutex_);
     for (auto it = clients_.begin(); it != clients_.end();) {
-        if (it->second.client.expired()) it = clients_.erase(it);
-        else ++it;
+        if (it->second.client.expired())
+            it = clients_.erase(it);
+        else
+            ++it;
     }
     auto& shared = clients_[endpoint];
     if (auto client = shared.client.lock()) {

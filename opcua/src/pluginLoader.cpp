@@ -35,7 +35,8 @@ std::string PluginLoader::fileName(const std::string& module) { return "lib" + m
 PluginLoader::PluginLoader(const std::string& module, const std::string& explicitPath) {
     const std::string file = fileName(module);
     std::vector<std::string> candidates;
-    if (!explicitPath.empty()) candidates.push_back(isDirectory(explicitPath) ? explicitPath + "/" + file : explicitPath);
+    if (!explicitPath.empty())
+        candidates.push_back(isDirectory(explicitPath) ? explicitPath + "/" + file : explicitPath);
     if (const char* env = std::getenv("DUVO_OPCUA_PLUGIN_PATH")) {
         const std::string folders = env;
         std::size_t start = 0;
@@ -52,7 +53,8 @@ PluginLoader::PluginLoader(const std::string& module, const std::string& explici
         looked += (looked.empty() ? "" : ", ") + candidate;
         if (!exists(candidate)) continue;
         handle_ = ::dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (handle_ == nullptr) throw std::runtime_error("cannot load OPC UA plug-in " + candidate + ": " + ::dlerror());
+        if (handle_ == nullptr)
+            throw std::runtime_error("cannot load OPC UA plug-in " + candidate + ": " + ::dlerror());
         path_ = candidate;
         return;
     }

@@ -59,7 +59,9 @@ bool noEndpoint(UA_StatusCode rc) {
 }
 
 const char* modeName(UA_MessageSecurityMode mode) {
-    return mode == UA_MESSAGESECURITYMODE_SIGN ? "Sign" : mode == UA_MESSAGESECURITYMODE_SIGNANDENCRYPT ? "SignAndEncrypt" : "None";
+    return mode == UA_MESSAGESECURITYMODE_SIGN             ? "Sign"
+           : mode == UA_MESSAGESECURITYMODE_SIGNANDENCRYPT ? "SignAndEncrypt"
+                                                           : "None";
 }
 
 std::string shortPolicy(const UA_String& uri) {
@@ -71,9 +73,9 @@ std::string shortPolicy(const UA_String& uri) {
 } // namespace
 
 const char* const ClientSecurity::keys[] = {
-    "opc.security.mode",           "opc.security.policy", "opc.security.pkiDir",       "opc.security.certificate",
-    "opc.security.privateKey",     "opc.security.user",   "opc.security.passwordFile", "opc.security.trustAnyServer",
-    nullptr};
+    "opc.security.mode",         "opc.security.policy",         "opc.security.pkiDir",
+    "opc.security.certificate",  "opc.security.privateKey",     "opc.security.user",
+    "opc.security.passwordFile", "opc.security.trustAnyServer", nullptr};
 
 std::string ClientSecurity::firstDifference(const std::map<std::string, std::string>& a,
                                             const std::map<std::string, std::string>& b) {
@@ -85,9 +87,12 @@ std::string ClientSecurity::firstDifference(const std::map<std::string, std::str
 ClientSecurity::ClientSecurity(std::string endpoint, const std::map<std::string, std::string>& props)
     : endpoint_(std::move(endpoint)) {
     const std::string mode = property(props, "opc.security.mode");
-    if (mode == "Sign") mode_ = UA_MESSAGESECURITYMODE_SIGN;
-    else if (mode == "SignAndEncrypt") mode_ = UA_MESSAGESECURITYMODE_SIGNANDENCRYPT;
-    else if (!mode.empty() && mode != "None") throwInvalidProperty("opc.security.mode", mode);
+    if (mode == "Sign")
+        mode_ = UA_MESSAGESECURITYMODE_SIGN;
+    else if (mode == "SignAndEncrypt")
+        mode_ = UA_MESSAGESECURITYMODE_SIGNANDENCRYPT;
+    else if (!mode.empty() && mode != "None")
+        throwInvalidProperty("opc.security.mode", mode);
     const std::string policy = property(props, "opc.security.policy");
     if (!policy.empty()) {
         bool known = false;
@@ -142,7 +147,8 @@ bool ClientSecurity::loadPolicies(UA_ClientConfig& config, std::string& why) {
             keyPath = pkiDir_ + "/own/key.der";
             if (!fs::exists(certPath) && !fs::exists(keyPath)) {
                 LOG4CPLUS_INFO(logger(), "creating the application certificate " << certPath);
-                pki::createSelfSigned("urn:" + hostName() + ":duvo-opcua", "duvo-opcua@" + hostName(), certPath, keyPath);
+                pki::createSelfSigned("urn:" + hostName() + ":duvo-opcua", "duvo-opcua@" + hostName(), certPath,
+                                      keyPath);
             }
         }
         cert = pki::toDer(pki::readFile(certPath));
@@ -164,8 +170,8 @@ bool ClientSecurity::loadPolicies(UA_ClientConfig& config, std::string& why) {
     const Make makers[] = {&UA_SecurityPolicy_Basic256Sha256, &UA_SecurityPolicy_Aes128Sha256RsaOaep,
                            &UA_SecurityPolicy_Aes256Sha256RsaPss};
     const auto add = [&](UA_SecurityPolicy*& array, size_t& size) -> UA_StatusCode {
-        auto* grown = static_cast<UA_SecurityPolicy*>(
-            UA_realloc(array, sizeof(UA_SecurityPolicy) * (size + std::size(makers))));
+        auto* grown =
+            static_cast<UA_SecurityPolicy*>(UA_realloc(array, sizeof(UA_SecurityPolicy) * (size + std::size(makers))));
         if (!grown) return UA_STATUSCODE_BADOUTOFMEMORY;
         array = grown;
         for (Make make : makers) {
@@ -266,8 +272,8 @@ std::string ClientSecurity::diagnoseEndpoints(UA_StatusCode previous) {
                "\" and " + (user_.empty() ? "an anonymous session" : "a user name") + status;
     if (!modeOffered)
         return "the server " + endpoint_ + " offers no endpoint with security mode \"" + modeName(mode_) +
-               "\" and policy \"" + (policyUri_.empty() ? "any" : policyUri_.substr(std::strlen(policyPrefix))) +
-               "\"" + status + ", only " + offered + ": change \"opc.security.mode\" or \"opc.security.policy\"";
+               "\" and policy \"" + (policyUri_.empty() ? "any" : policyUri_.substr(std::strlen(policyPrefix))) + "\"" +
+               status + ", only " + offered + ": change \"opc.security.mode\" or \"opc.security.policy\"";
     if (user_.empty())
         return "the server " + endpoint_ + " refused an anonymous session" + status + ": set \"opc.security.user\"";
     return "the server " + endpoint_ + " offers no user name login with security mode \"" + modeName(mode_) + "\"" +

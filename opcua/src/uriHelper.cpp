@@ -14,7 +14,8 @@ namespace {
 bool iequals(std::string_view a, std::string_view b) {
     if (a.size() != b.size()) return false;
     for (std::size_t i = 0; i < a.size(); ++i)
-        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i]))) return false;
+        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
+            return false;
     return true;
 }
 
@@ -32,11 +33,21 @@ bool isUtf8(std::string_view text) {
         const auto c = static_cast<unsigned char>(text[i]);
         std::size_t more = 0;
         unsigned min = 0;
-        if (c < 0x80) { ++i; continue; }
-        if ((c & 0xE0) == 0xC0) { more = 1; min = 0x80; }
-        else if ((c & 0xF0) == 0xE0) { more = 2; min = 0x800; }
-        else if ((c & 0xF8) == 0xF0 && c <= 0xF4) { more = 3; min = 0x10000; }
-        else return false;
+        if (c < 0x80) {
+            ++i;
+            continue;
+        }
+        if ((c & 0xE0) == 0xC0) {
+            more = 1;
+            min = 0x80;
+        } else if ((c & 0xF0) == 0xE0) {
+            more = 2;
+            min = 0x800;
+        } else if ((c & 0xF8) == 0xF0 && c <= 0xF4) {
+            more = 3;
+            min = 0x10000;
+        } else
+            return false;
         if (i + more >= text.size()) return false;
         unsigned code = c & (0x3F >> more);
         for (std::size_t k = 1; k <= more; ++k) {
@@ -78,7 +89,8 @@ std::vector<UaCpp<UA_NodeId, std::shared_ptr<UA_NodeId>>> getNodeIds(const std::
     std::size_t start = 0;
     while (true) {
         const std::size_t comma = fragment.find(',', start);
-        const std::string_view part = fragment.substr(start, comma == std::string_view::npos ? std::string_view::npos : comma - start);
+        const std::string_view part =
+            fragment.substr(start, comma == std::string_view::npos ? std::string_view::npos : comma - start);
         if (part.empty()) badId(uri, part, "empty");
         const auto encoded = boost::urls::make_pct_string_view(part);
         if (!encoded) badId(uri, part, "undecodable");

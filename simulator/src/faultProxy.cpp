@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <list>
 #include <mutex>
@@ -33,9 +33,7 @@ constexpr std::size_t kMaxConnections = 64;
 constexpr std::size_t kMaxBuffered = 4u << 20;
 constexpr std::size_t kReadSize = 64u << 10;
 
-[[noreturn]] void throwErrno(const std::string& what) {
-    throw std::system_error(errno, std::generic_category(), what);
-}
+[[noreturn]] void throwErrno(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
 
 void closeFd(int& fd) {
     if (fd >= 0) ::close(fd);
@@ -143,7 +141,8 @@ ReadResult readSome(int fd, std::vector<char>& out) {
 
 std::uint32_t readUint32(const std::vector<char>& bytes, std::size_t at) {
     std::uint32_t value = 0;
-    for (std::size_t i = 0; i < 4; ++i) value |= static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[at + i])) << (8 * i);
+    for (std::size_t i = 0; i < 4; ++i)
+        value |= static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[at + i])) << (8 * i);
     return value;
 }
 
@@ -173,7 +172,8 @@ std::vector<std::vector<char>> wholeMessages(std::vector<char>& part) {
 
 /// A service message or a close (they carry a sequence number and a request id).
 bool isSymmetric(const std::vector<char>& message) {
-    return message.size() >= 24 && (std::memcmp(message.data(), "MSG", 3) == 0 || std::memcmp(message.data(), "CLO", 3) == 0);
+    return message.size() >= 24 &&
+           (std::memcmp(message.data(), "MSG", 3) == 0 || std::memcmp(message.data(), "CLO", 3) == 0);
 }
 
 } // namespace
@@ -287,8 +287,11 @@ void FaultProxy::Impl::service(Connection& c, short clientEvents, short serverEv
     std::vector<char> bytes;
     if (clientEvents & (POLLIN | POLLHUP | POLLERR)) {
         switch (readSome(c.client, bytes)) {
-        case ReadResult::Closed: c.dead = true; return;
-        case ReadResult::WouldBlock: break;
+        case ReadResult::Closed:
+            c.dead = true;
+            return;
+        case ReadResult::WouldBlock:
+            break;
         case ReadResult::Data: {
             look(c, bytes);
             c.partFromClient.insert(c.partFromClient.end(), bytes.begin(), bytes.end());
@@ -318,8 +321,11 @@ void FaultProxy::Impl::service(Connection& c, short clientEvents, short serverEv
         c.connecting = false;
     } else if (!c.connecting && !c.serverClosed && (serverEvents & (POLLIN | POLLHUP | POLLERR))) {
         switch (readSome(c.server, bytes)) {
-        case ReadResult::Closed: c.serverClosed = true; break;
-        case ReadResult::WouldBlock: break;
+        case ReadResult::Closed:
+            c.serverClosed = true;
+            break;
+        case ReadResult::WouldBlock:
+            break;
         case ReadResult::Data:
             c.partFromServer.insert(c.partFromServer.end(), bytes.begin(), bytes.end());
             for (auto& message : wholeMessages(c.partFromServer)) {
@@ -328,7 +334,8 @@ void FaultProxy::Impl::service(Connection& c, short clientEvents, short serverEv
                     continue;
                 }
                 const std::chrono::milliseconds delay(delayMs.load());
-                if (current == Mode::DelaySome && isSymmetric(message) && c.slowRequests.count(readUint32(message, 20))) {
+                if (current == Mode::DelaySome && isSymmetric(message) &&
+                    c.slowRequests.count(readUint32(message, 20))) {
                     if (message[3] != 'C') c.slowRequests.erase(readUint32(message, 20)); // its last chunk
                     c.renumber = true;
                     c.held.push_back({std::move(message), 0, now + delay});
@@ -350,8 +357,10 @@ void FaultProxy::Impl::service(Connection& c, short clientEvents, short serverEv
 
 void FaultProxy::Impl::toClient(Connection& c, std::vector<char> message, Clock::time_point due) {
     if (isSymmetric(message)) {
-        if (c.renumber) writeUint32(message, 16, ++c.lastSequence);
-        else c.lastSequence = readUint32(message, 16);
+        if (c.renumber)
+            writeUint32(message, 16, ++c.lastSequence);
+        else
+            c.lastSequence = readUint32(message, 16);
     }
     c.toClientBytes += message.size();
     c.toClient.push_back({std::move(message), 0, due});
@@ -392,8 +401,7 @@ void FaultProxy::Impl::run() {
 
         if (fds[0].revents & POLLIN) {
             char drain[64];
-            while (::read(wakeRead, drain, sizeof drain) > 0) {
-            }
+            while (::read(wakeRead, drain, sizeof drain) > 0) {}
         }
         const Mode latest = mode;
         std::size_t i = 2;

@@ -49,7 +49,7 @@ std::vector<ArgumentNode> argumentsOf() {
 }
 
 inline const std::vector<VariableNode>& variableNodes() {
-#define DUVO_SIM_VARIABLE(Name, Shape, Element, Nominal) \
+#define DUVO_SIM_VARIABLE(Name, Shape, Element, Nominal)                                                               \
     {#Name, uaTypeOf<Element>(), m2Types::Shape<Element>::isVector, Nominal},
     static const std::vector<VariableNode> nodes{M2TYPES_DATA_CATALOGUE(DUVO_SIM_VARIABLE)};
 #undef DUVO_SIM_VARIABLE

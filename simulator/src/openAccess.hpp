@@ -11,15 +11,14 @@ namespace vesk::duvo::sim::detail {
 
 namespace open {
 
-inline UA_StatusCode activateSession(UA_Server*, UA_AccessControl*, const UA_EndpointDescription*,
-                                     const UA_ByteString*, const UA_NodeId*, const UA_ExtensionObject* token,
-                                     void** sessionContext) {
+inline UA_StatusCode activateSession(UA_Server*, UA_AccessControl*, const UA_EndpointDescription*, const UA_ByteString*,
+                                     const UA_NodeId*, const UA_ExtensionObject* token, void** sessionContext) {
     *sessionContext = nullptr;
     // An empty token is the anonymous login of older clients.
     if (!token || token->encoding == UA_EXTENSIONOBJECT_ENCODED_NOBODY) return UA_STATUSCODE_GOOD;
-    const bool anonymous = (token->encoding == UA_EXTENSIONOBJECT_DECODED ||
-                            token->encoding == UA_EXTENSIONOBJECT_DECODED_NODELETE) &&
-                           token->content.decoded.type == &UA_TYPES[UA_TYPES_ANONYMOUSIDENTITYTOKEN];
+    const bool anonymous =
+        (token->encoding == UA_EXTENSIONOBJECT_DECODED || token->encoding == UA_EXTENSIONOBJECT_DECODED_NODELETE) &&
+        token->content.decoded.type == &UA_TYPES[UA_TYPES_ANONYMOUSIDENTITYTOKEN];
     return anonymous ? UA_STATUSCODE_GOOD : UA_STATUSCODE_BADIDENTITYTOKENINVALID;
 }
 
@@ -38,8 +37,8 @@ inline UA_Boolean executable(UA_Server*, UA_AccessControl*, const UA_NodeId*, vo
     return true;
 }
 
-inline UA_Boolean executableOnObject(UA_Server*, UA_AccessControl*, const UA_NodeId*, void*, const UA_NodeId*,
-                                     void*, const UA_NodeId*, void*) {
+inline UA_Boolean executableOnObject(UA_Server*, UA_AccessControl*, const UA_NodeId*, void*, const UA_NodeId*, void*,
+                                     const UA_NodeId*, void*) {
     return true;
 }
 

@@ -16,9 +16,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <open62541/server.h>
 #include <open62541/plugin/accesscontrol_default.h>
 #include <open62541/plugin/pki_default.h>
+#include <open62541/server.h>
 #include <open62541/server_config_default.h>
 
 #include <vesk/duvo/opcua/pki.hpp>
@@ -47,9 +47,7 @@ struct ServerSideWrite {
 };
 
 /// A node id that borrows the characters of name.
-UA_NodeId nodeId(const std::string& name) {
-    return UA_NODEID_STRING(nodeNamespace, const_cast<char*>(name.c_str()));
-}
+UA_NodeId nodeId(const std::string& name) { return UA_NODEID_STRING(nodeNamespace, const_cast<char*>(name.c_str())); }
 
 UA_LocalizedText text(const std::string& s) {
     return UA_LOCALIZEDTEXT(const_cast<char*>(""), const_cast<char*>(s.c_str()));
@@ -195,8 +193,8 @@ struct Simulator::Impl {
     static void onWrite(UA_Server*, const UA_NodeId*, void*, const UA_NodeId*, void* nodeContext,
                         const UA_NumericRange*, const UA_DataValue*);
     static UA_StatusCode onCall(UA_Server*, const UA_NodeId*, void*, const UA_NodeId*, void* methodContext,
-                                const UA_NodeId*, void*, size_t inputSize, const UA_Variant* input,
-                                size_t outputSize, UA_Variant* output);
+                                const UA_NodeId*, void*, size_t inputSize, const UA_Variant* input, size_t outputSize,
+                                UA_Variant* output);
     static void animate(UA_Server* server, void* data);
 
     const Options options;
@@ -308,9 +306,8 @@ void Simulator::Impl::addVariables(UA_Server* s) {
         }
         attr.value = *initial; // copied by the server
         check(UA_Server_addVariableNode(s, nodeId(state.node), objects, UA_NODEID_NUMERIC(0, UA_NS0ID_ORGANIZES),
-                                        browseName(state.name),
-                                        UA_NODEID_NUMERIC(0, UA_NS0ID_BASEDATAVARIABLETYPE), attr, &state,
-                                        nullptr),
+                                        browseName(state.name), UA_NODEID_NUMERIC(0, UA_NS0ID_BASEDATAVARIABLETYPE),
+                                        attr, &state, nullptr),
               "cannot add variable " + state.name);
         UA_ValueCallback callback{nullptr, &Impl::onWrite};
         check(UA_Server_setVariableNode_valueCallback(s, nodeId(state.node), callback),
@@ -326,8 +323,8 @@ void Simulator::Impl::addMethods(UA_Server* s) {
         objectAttr.displayName = text(state.name);
         const std::string objectNode = objectNodeName(state.name);
         check(UA_Server_addObjectNode(s, nodeId(objectNode), objects, UA_NODEID_NUMERIC(0, UA_NS0ID_ORGANIZES),
-                                      browseName(state.name), UA_NODEID_NUMERIC(0, UA_NS0ID_BASEOBJECTTYPE),
-                                      objectAttr, nullptr, nullptr),
+                                      browseName(state.name), UA_NODEID_NUMERIC(0, UA_NS0ID_BASEOBJECTTYPE), objectAttr,
+                                      nullptr, nullptr),
               "cannot add object " + state.name);
 
         auto nodeArgs = state.def->arguments;
@@ -380,9 +377,7 @@ std::vector<std::pair<std::string, std::string>> readUsers(const std::string& pa
     return users;
 }
 
-UA_ByteString view(const std::string& s) {
-    return {s.size(), reinterpret_cast<UA_Byte*>(const_cast<char*>(s.data()))};
-}
+UA_ByteString view(const std::string& s) { return {s.size(), reinterpret_cast<UA_Byte*>(const_cast<char*>(s.data()))}; }
 
 } // namespace
 
@@ -403,7 +398,8 @@ UA_StatusCode Simulator::Impl::configureSecurity(UA_ServerConfig& config) {
         config.applicationDescription.applicationUri = UA_STRING_ALLOC(applicationUri);
         // A None channel stays possible for discovery even without a None endpoint.
         status = UA_ServerConfig_addSecurityPolicyNone(&config, &cert);
-        if (status == UA_STATUSCODE_GOOD) status = UA_ServerConfig_addSecurityPolicyBasic256Sha256(&config, &cert, &privateKey);
+        if (status == UA_STATUSCODE_GOOD)
+            status = UA_ServerConfig_addSecurityPolicyBasic256Sha256(&config, &cert, &privateKey);
         if (status == UA_STATUSCODE_GOOD)
             status = UA_ServerConfig_addSecurityPolicyAes128Sha256RsaOaep(&config, &cert, &privateKey);
         if (status == UA_STATUSCODE_GOOD)
@@ -424,7 +420,8 @@ UA_StatusCode Simulator::Impl::configureSecurity(UA_ServerConfig& config) {
     if (options.usersFile.empty()) return detail::setOpenAccess(config);
     const auto users = readUsers(options.usersFile);
     std::vector<UA_UsernamePasswordLogin> logins;
-    for (const auto& [name, password] : users) logins.push_back({UA_STRING(const_cast<char*>(name.c_str())), view(password)});
+    for (const auto& [name, password] : users)
+        logins.push_back({UA_STRING(const_cast<char*>(name.c_str())), view(password)});
     if (config.accessControl.clear) config.accessControl.clear(&config.accessControl);
     // Passwords travel encrypted: with security, the strongest policy of the server encrypts them.
     // With security each endpoint's own policy encrypts the password; without, it goes as it is.
@@ -476,9 +473,9 @@ void Simulator::Impl::start() {
         addVariables(s);
         addMethods(s);
         if (options.animate)
-            check(UA_Server_addRepeatedCallback(s, &Impl::animate, this,
-                                                static_cast<double>(std::max<long long>(1, options.animationPeriod.count())),
-                                                nullptr),
+            check(UA_Server_addRepeatedCallback(
+                      s, &Impl::animate, this,
+                      static_cast<double>(std::max<long long>(1, options.animationPeriod.count())), nullptr),
                   "cannot add the animation");
         check(UA_Server_run_startup(s), "cannot start the simulator on " + url);
         const std::uint16_t actual = port != 0 ? port : listeningPort(s);

@@ -68,8 +68,8 @@ TEST_F(MonitorFailures, a_value_without_source_time_is_timed_as_a_poll_would_tim
     // A server that stamps only its own time: the data's age is unknown, monitored or polled,
     // so that Deadline and Latency judge both alike.
     vesk::duvo::ps::queue::QueuedSubscriber<T, ST> store;
-    ps::OpcUaDataMonitor<T, ST> monitor(ps::QueuedSink<T, ST>{&store}, duvo->getClient(simulator->endpoint(), {}), {}, 0.0,
-                                        nullptr);
+    ps::OpcUaDataMonitor<T, ST> monitor(ps::QueuedSink<T, ST>{&store}, duvo->getClient(simulator->endpoint(), {}), {},
+                                        0.0, nullptr);
     UA_Int32 number = 7;
     UA_DataValue value;
     UA_DataValue_init(&value);
@@ -267,7 +267,8 @@ protected:
     void SetUp() override { internal().setLogLevel(log4cplus::TRACE_LOG_LEVEL); }
     void TearDown() override {
         internal().setLogLevel(log4cplus::NOT_SET_LOG_LEVEL);
-        for (const auto& line : log.lines()) EXPECT_EQ(line.message.find(pki.password), std::string::npos) << line.message;
+        for (const auto& line : log.lines())
+            EXPECT_EQ(line.message.find(pki.password), std::string::npos) << line.message;
     }
 
     struct Session {
@@ -276,7 +277,8 @@ protected:
     };
     static Session open(const std::string& endpoint, const Properties& properties) {
         Session session{std::make_shared<OpcUaDuvo>(properties), nullptr};
-        session.publisher = session.duvo->createPublisher<S>("opcua-ps://" + endpoint.substr(10) + "#ns=1;s=M2StringValue0");
+        session.publisher =
+            session.duvo->createPublisher<S>("opcua-ps://" + endpoint.substr(10) + "#ns=1;s=M2StringValue0");
         return session;
     }
     /// What publishing text ends with: "" when written, else the exception's text.
@@ -321,7 +323,8 @@ TEST_F(SecureSessions, refusals_say_what_to_do_once_and_a_fix_is_picked_up_while
     const std::string thumb = vesk::duvo::pki::thumbprint(server.certificate());
     const std::string rejected = dir + "/rejected/" + thumb + ".der";
     const std::string what = read(untrusted, ep);
-    EXPECT_TRUE(startsWith(what, "not connected: the certificate of the server " + ep + " (SHA-1 " + thumb + ") is not trusted"));
+    EXPECT_TRUE(startsWith(what, "not connected: the certificate of the server " + ep + " (SHA-1 " + thumb +
+                                     ") is not trusted"));
     EXPECT_NE(what.find(rejected), std::string::npos) << what;
     EXPECT_TRUE(fs::exists(rejected));
     EXPECT_TRUE(startsWith(read(untrusted, ep, 600ms), "not connected: the certificate"));
@@ -355,7 +358,8 @@ TEST_F(SecureSessions, refusals_say_what_to_do_once_and_a_fix_is_picked_up_while
     plain.start();
     Session lacking = open(plain.endpoint(), pki.clientProperties());
     const std::string noPolicy = read(lacking, plain.endpoint());
-    EXPECT_TRUE(startsWith(noPolicy, "not connected: the server " + plain.endpoint() + " offers no endpoint with security mode"));
+    EXPECT_TRUE(startsWith(noPolicy,
+                           "not connected: the server " + plain.endpoint() + " offers no endpoint with security mode"));
 
     // One endpoint, one client, one identity.
     Properties other = pki.clientProperties();

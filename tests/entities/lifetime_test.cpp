@@ -72,11 +72,12 @@ protected:
         const auto client = middleware->getClient(simulator->endpoint(), {}); // outlives the subscriber
         std::atomic<int> calls{0};
         std::atomic<bool> dropped{false};
-        subscriber->subscribeAsync(DataEventFilter<Type>(), [&](vesk::duvo::ps::Subscriber<Type>&, const DataEvent<Type>&) {
-            if (calls++ != 0) return;
-            subscriber.reset();
-            dropped = true;
-        });
+        subscriber->subscribeAsync(DataEventFilter<Type>(),
+                                   [&](vesk::duvo::ps::Subscriber<Type>&, const DataEvent<Type>&) {
+                                       if (calls++ != 0) return;
+                                       subscriber.reset();
+                                       dropped = true;
+                                   });
         if (!eventually([&] { return dropped.load(); })) return -1;
         flushDeliveries(*client);
         return calls.load();
@@ -101,17 +102,27 @@ TEST_F(Lifetime, threads_create_use_and_drop_entities_while_the_server_writes) {
                 std::shared_ptr<vesk::duvo::ps::MrvSubscriber<T>> mostRecent;
                 std::shared_ptr<vesk::duvo::ps::Subscriber<Pair>> pair;
                 switch (kind) {
-                case 0: queued = monitoring->createSubscriber<T>(uri); break;
-                case 1: queued = polling->createSubscriber<T>(uri); break;
-                case 2: mostRecent = monitoring->createMrvSubscriber<T>(uri); break;
-                case 3: mostRecent = polling->createMrvSubscriber<T>(uri); break;
-                default: pair = pairSubscriber(pairUri(), monitoredProps, monitoring); break;
+                case 0:
+                    queued = monitoring->createSubscriber<T>(uri);
+                    break;
+                case 1:
+                    queued = polling->createSubscriber<T>(uri);
+                    break;
+                case 2:
+                    mostRecent = monitoring->createMrvSubscriber<T>(uri);
+                    break;
+                case 3:
+                    mostRecent = polling->createMrvSubscriber<T>(uri);
+                    break;
+                default:
+                    pair = pairSubscriber(pairUri(), monitoredProps, monitoring);
+                    break;
                 }
                 std::atomic<int> delivered{0};
                 std::unique_ptr<vesk::duvo::ps::Subscription> subscription;
                 if (queued && chance(50))
-                    subscription = queued->subscribeAsync(DataEventFilter<T>(),
-                                                          [&delivered](Subscriber&, const DataEvent<T>&) { ++delivered; });
+                    subscription = queued->subscribeAsync(
+                        DataEventFilter<T>(), [&delivered](Subscriber&, const DataEvent<T>&) { ++delivered; });
                 auto publisher = duvo->createPublisher<T>(uri);
                 auto client = duvo->createClient<AsyncClient>(rrUri("PsRpcSetpower", "RPC_SetPower"));
                 auto sample = publisher->createDataEntity();
@@ -180,9 +191,10 @@ TEST_F(Lifetime, a_subscriber_closes_or_destroys_itself_from_its_own_callbacks) 
         const auto client = m->getClient(simulator->endpoint(), {}); // outlives the subscribers
         auto subscriber = m->createSubscriber<T>(psUri("M2Int32Value0"));
         std::atomic<int> closes{0};
-        auto subscription = subscriber->subscribeAsync(DataEventFilter<T>(), [&closes](Subscriber& self, const DataEvent<T>&) {
-            if (closes++ == 0) self.close();
-        });
+        auto subscription =
+            subscriber->subscribeAsync(DataEventFilter<T>(), [&closes](Subscriber& self, const DataEvent<T>&) {
+                if (closes++ == 0) self.close();
+            });
         // The store closes last: once reads fail, the whole close has happened.
         ASSERT_TRUE(eventually([&] { return failure([&] { subscriber->read(0); }) != ""; }));
         // Destroyed at once, while the delivery that closed it may still be leaving the store.

@@ -36,7 +36,8 @@ protected:
         double newest = 0;
         for (const char* node : {countNode, levelNode}) {
             const auto t = simulator->sourceTime(node);
-            if (t.present) newest = std::max(newest, vesk::duvo::opcua::detail::unixTimestamp(t.timestamp, t.picoseconds));
+            if (t.present)
+                newest = std::max(newest, vesk::duvo::opcua::detail::unixTimestamp(t.timestamp, t.picoseconds));
         }
         return newest;
     }
@@ -50,7 +51,8 @@ protected:
             subscriber.readDataEvents(DataEventFilter<Pair>(), events, 1, 50ms);
             for (auto& event : events) {
                 seen.push_back(event);
-                if (event->hasValidData() && event->getData()->getCount() == count && event->getData()->getLevel() == level)
+                if (event->hasValidData() && event->getData()->getCount() == count &&
+                    event->getData()->getLevel() == level)
                     found = event;
             }
             return found != nullptr;
@@ -74,8 +76,10 @@ TEST_F(MultiNode, node_counts_must_match_the_field_count) {
     EXPECT_EQ(failure<std::invalid_argument>([&] { duvo->createMrvSubscriber<T>(two); }), expected);
     EXPECT_EQ(failure<std::invalid_argument>([&] { duvo->createPublisher<T>(two); }), expected);
     const std::string one = psUri(countNode);
-    EXPECT_EQ(failure<std::invalid_argument>([&] { makePair<ps::OpcUaPublisherDelegator, ps::OpcUaPublisher>(one, {}, duvo); }),
-              "number of OPC-UA nodes in the URI (1) does not match the number of fields in the data type (2) Uri:" + one);
+    EXPECT_EQ(failure<std::invalid_argument>(
+                  [&] { makePair<ps::OpcUaPublisherDelegator, ps::OpcUaPublisher>(one, {}, duvo); }),
+              "number of OPC-UA nodes in the URI (1) does not match the number of fields in the data type (2) Uri:" +
+                  one);
 }
 
 TEST_F(MultiNode, the_triggered_poller_reads_once_per_notification_and_never_by_itself) {
@@ -87,7 +91,7 @@ TEST_F(MultiNode, the_triggered_poller_reads_once_per_notification_and_never_by_
                                "failed to read node ns=1;s=NoSuchPairNode: BadNodeIdUnknown";
     auto subscriber = pairSubscriber(pairUri("ns=1;s=NoSuchPairNode"), {{"opc.ps.pollingPeriodMs", "50"}}, duvo);
     ASSERT_TRUE(log.waitFor(failed, 1)); // the item's first notification
-    std::this_thread::sleep_for(1500ms);  // a poller of its own would have read by now
+    std::this_thread::sleep_for(1500ms); // a poller of its own would have read by now
     EXPECT_EQ(log.containing(failed).size(), 1u);
     for (const auto& line : log.containing(failed)) EXPECT_EQ(line.level, log4cplus::ERROR_LOG_LEVEL);
 
@@ -102,7 +106,8 @@ TEST_F(MultiNode, the_triggered_poller_reads_once_per_notification_and_never_by_
 TEST_F(MultiNode, notifications_deliver_only_consistent_reads_of_both_nodes) {
     write(1, 1.25f);
     auto queued = pairSubscriber(pairUri(), monitoredProps, duvo);
-    auto mostRecent = makePair<ps::OpcUaMrvSubscriberDelegator, ps::OpcUaMrvSubscriber>(pairUri(), monitoredProps, duvo);
+    auto mostRecent =
+        makePair<ps::OpcUaMrvSubscriberDelegator, ps::OpcUaMrvSubscriber>(pairUri(), monitoredProps, duvo);
     PairEvents seen;
     ASSERT_NE(awaitPair(*queued, 1, 1.25f, seen), nullptr);
     EXPECT_TRUE(mostRecentIs(*mostRecent, 1, 1.25f));
@@ -140,8 +145,9 @@ TEST_F(MultiNode, a_burst_of_triggers_becomes_one_read) {
     LogRecorder log(subscriberLog);
     auto client = duvo->getClient(simulator->endpoint(), {});
     vesk::duvo::ps::queue::QueuedSubscriber<Pair, PairBinding> store;
-    ps::OpcUaDataPoller<Pair, PairBinding> poller(ps::QueuedSink<Pair, PairBinding>{&store}, client,
-                                                  vesk::duvo::opcua::detail::getNodeIds(pairUri("ns=1;s=NoSuchPairNode")), 0);
+    ps::OpcUaDataPoller<Pair, PairBinding> poller(
+        ps::QueuedSink<Pair, PairBinding>{&store}, client,
+        vesk::duvo::opcua::detail::getNodeIds(pairUri("ns=1;s=NoSuchPairNode")), 0);
     const std::string failed = "failed to read node ns=1;s=NoSuchPairNode";
 
     // Hold the I/O thread so that the triggers run back to back, far closer than 1 ms.
@@ -187,7 +193,8 @@ TEST_F(MultiNode, publishing_writes_both_nodes) {
     simulator->setWritable(levelNode, false);
     EXPECT_EQ(failure<std::runtime_error>([&] { publisher->publish(*sample, kWait); }),
               "OpcUaPublisher for nodes ns=1;s=M2Int32Value0 ns=1;s=M2FloatValue0: failed to write to node "
-              "ns=1;s=M2FloatValue0: BadNotWritable Uri:" + pairUri());
+              "ns=1;s=M2FloatValue0: BadNotWritable Uri:" +
+                  pairUri());
     simulator->setWritable(levelNode, true);
 }
 

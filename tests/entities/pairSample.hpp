@@ -90,8 +90,9 @@ private:
 /// An entity of Pair, made as the plug-in's entry points make theirs: Entity is one of
 /// OpcUaSubscriber, OpcUaMrvSubscriber and OpcUaPublisher, Delegator its delegator.
 template <template <class, class> class Delegator, template <class, class> class Entity>
-std::unique_ptr<Delegator<Pair, PairBinding>> makePair(const std::string& uri, const vesk::duvo::Duvo::Properties& properties,
-                                                      const std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo>& duvo) {
+std::unique_ptr<Delegator<Pair, PairBinding>>
+makePair(const std::string& uri, const vesk::duvo::Duvo::Properties& properties,
+         const std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo>& duvo) {
     return std::unique_ptr<Delegator<Pair, PairBinding>>(
         generated::opcua::m2Types::entry::createDelegated<Delegator<Pair, PairBinding>, Entity<Pair, PairBinding>>(
             uri, {}, properties, duvo));

@@ -102,9 +102,9 @@ TEST_F(PublisherTest, refusals_say_why_once_and_leave_the_publisher_usable) {
     sample->setValue0(3);
     p->publish(*sample, kWait);
     simulator->setWritable("M2Int32Value0", false);
-    const std::string notWritable =
-        "OpcUaPublisher for nodes ns=1;s=M2Int32Value0: failed to write to node ns=1;s=M2Int32Value0: BadNotWritable Uri:" +
-        uri();
+    const std::string notWritable = "OpcUaPublisher for nodes ns=1;s=M2Int32Value0: failed to write to node "
+                                    "ns=1;s=M2Int32Value0: BadNotWritable Uri:" +
+                                    uri();
     EXPECT_EQ(failure<std::runtime_error>([&] { p->publish(*sample, kWait); }), notWritable);
     {
         // Without a wait the refusal has no caller to reach: it is logged instead.
@@ -124,7 +124,8 @@ TEST_F(PublisherTest, refusals_say_why_once_and_leave_the_publisher_usable) {
     // An Int32 sample to a Double array node.
     EXPECT_EQ(failure<std::runtime_error>([&] { publisher("M2DoubleVector6")->publish(*sample, kWait); }),
               "OpcUaPublisher for nodes ns=1;s=M2DoubleVector6: failed to write to node ns=1;s=M2DoubleVector6: "
-              "BadTypeMismatch Uri:" + uri("M2DoubleVector6"));
+              "BadTypeMismatch Uri:" +
+                  uri("M2DoubleVector6"));
 
     struct Foreign : T {
         std::unique_ptr<T> clone() const override { return std::make_unique<Foreign>(); }
@@ -139,7 +140,8 @@ TEST_F(PublisherTest, refusals_say_why_once_and_leave_the_publisher_usable) {
 
     p->close();
     p->close(); // harmless
-    EXPECT_EQ(failure<vesk::duvo::IllegalStateException>([&] { p->createDataEntity(); }), "Entity closed. Uri:" + uri());
+    EXPECT_EQ(failure<vesk::duvo::IllegalStateException>([&] { p->createDataEntity(); }),
+              "Entity closed. Uri:" + uri());
 }
 
 TEST_F(PublisherTest, write_responses_are_checked_in_order_with_exact_texts) {
@@ -149,7 +151,8 @@ TEST_F(PublisherTest, write_responses_are_checked_in_order_with_exact_texts) {
         Publisher::WriteResponse response;
         response->responseHeader.serviceResult = service;
         if (!results.empty()) {
-            response->results = static_cast<UA_StatusCode*>(UA_Array_new(results.size(), &UA_TYPES[UA_TYPES_STATUSCODE]));
+            response->results =
+                static_cast<UA_StatusCode*>(UA_Array_new(results.size(), &UA_TYPES[UA_TYPES_STATUSCODE]));
             std::copy(results.begin(), results.end(), response->results);
             response->resultsSize = results.size();
         }
@@ -183,7 +186,7 @@ TEST_F(PublisherTest, zero_timeout_returns_at_once_even_when_the_server_is_silen
         auto sample = publisher->createDataEntity();
         sample->setValue0(77);
         publisher->publish(*sample, 0ms); // must not wait
-    } // the sample is gone before the request could be answered
+    }                                     // the sample is gone before the request could be answered
     EXPECT_TRUE(simulator->waitForWrites("M2Int32Value0", 2, 2000ms));
     EXPECT_EQ(simulator->read("M2Int32Value0").at<UA_Int32>(), 77);
     EXPECT_EQ(failure<vesk::duvo::TimeoutException>([&] { publisher->publish(*publisher->createDataEntity(), 300ms); }),

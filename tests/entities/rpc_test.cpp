@@ -93,17 +93,18 @@ class EveryInterface : public OnSimulator {};
 class CallNodeServer : public OnNodeServer {};
 
 TEST_ON_BOTH(EveryInterface, CallNodeServer, sends_its_exact_arguments_and_returns_the_boolean) {
-#define CALL_INTERFACE(Iface, Method, ...)                                                                      \
-    callBothWays<m2Types::Iface##Sync, m2Types::Iface##Async, Arguments<__VA_ARGS__>>(                      \
-        f, #Iface, "RPC_" #Method, [](auto& stub) {                                                          \
-            return Arguments<__VA_ARGS__>::invoke(stub, &std::remove_reference_t<decltype(stub)>::RPC_##Method); \
+#define CALL_INTERFACE(Iface, Method, ...)                                                                             \
+    callBothWays<m2Types::Iface##Sync, m2Types::Iface##Async, Arguments<__VA_ARGS__>>(                                 \
+        f, #Iface, "RPC_" #Method, [](auto& stub) {                                                                    \
+            return Arguments<__VA_ARGS__>::invoke(stub, &std::remove_reference_t<decltype(stub)>::RPC_##Method);       \
         });
     M2TYPES_INTERFACE_CATALOGUE(CALL_INTERFACE)
 #undef CALL_INTERFACE
 }
 
 TEST_ON_BOTH(EveryInterface, CallNodeServer, concurrent_calls_of_one_stub_all_complete) {
-    auto stub = f.middleware()->template createClient<m2Types::PsRpcSetpowerAsync>(f.rrUri("PsRpcSetpower", "RPC_SetPower"));
+    auto stub =
+        f.middleware()->template createClient<m2Types::PsRpcSetpowerAsync>(f.rrUri("PsRpcSetpower", "RPC_SetPower"));
     const std::size_t before = f.server->calls("PsRpcSetpower", "RPC_SetPower").count;
     std::vector<boost::future<bool>> futures;
     for (int i = 0; i < 64; ++i) futures.push_back(stub->RPC_SetPower(i % 2 == 0));
@@ -118,7 +119,9 @@ protected:
     std::string uri(const std::string& endpoint = simulator->endpoint()) const {
         return rrUri("PsRpcSetpower", "RPC_SetPower", endpoint);
     }
-    static RrQoS replyTime(std::chrono::milliseconds ms) { return {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(ms)}; }
+    static RrQoS replyTime(std::chrono::milliseconds ms) {
+        return {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(ms)};
+    }
 };
 
 TEST_F(RpcTest, uri_and_property_faults_are_refused_at_construction) {
@@ -158,7 +161,8 @@ TEST_F(RpcTest, sync_call_waits_for_the_reply_time_only) {
     EXPECT_TRUE(limited->RPC_SetPower(true)); // connected and answered
     proxy.blackhole();
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(failure<vesk::duvo::TimeoutException>([&] { limited->RPC_SetPower(true); }), "timeout when waiting for data");
+    EXPECT_EQ(failure<vesk::duvo::TimeoutException>([&] { limited->RPC_SetPower(true); }),
+              "timeout when waiting for data");
     const auto waited = std::chrono::steady_clock::now() - start;
     EXPECT_GE(waited, 450ms);
     EXPECT_LT(waited, 3000ms);
@@ -221,7 +225,8 @@ TEST(CallResults, are_unpacked_with_exact_texts) {
     const auto unpacked = [&](std::size_t results, UA_StatusCode status, const UA_Variant* output) -> std::string {
         rr::CallResponse response;
         if (results > 0) {
-            response->results = static_cast<UA_CallMethodResult*>(UA_Array_new(results, &UA_TYPES[UA_TYPES_CALLMETHODRESULT]));
+            response->results =
+                static_cast<UA_CallMethodResult*>(UA_Array_new(results, &UA_TYPES[UA_TYPES_CALLMETHODRESULT]));
             response->resultsSize = results;
             response->results[0].statusCode = status;
             if (output != nullptr) {
@@ -232,7 +237,8 @@ TEST(CallResults, are_unpacked_with_exact_texts) {
         }
         auto future = boost::make_ready_future(std::move(response));
         std::string result;
-        const std::string text = failure([&] { result = rr::unpackCallResult<bool>(future, convert) ? "true" : "false"; });
+        const std::string text =
+            failure([&] { result = rr::unpackCallResult<bool>(future, convert) ? "true" : "false"; });
         return text.empty() ? result : text;
     };
     EXPECT_EQ(unpacked(1, UA_STATUSCODE_GOOD, &boolean), "true");

@@ -56,8 +56,9 @@ TEST_F(SubscriberTest, polls_deliver_unchanged_data_once_and_a_period_of_0_never
     EXPECT_TRUE(idle->read(0).empty());
     server->writeValue<T>(4712);
     EXPECT_TRUE(receives<T>(*polled, 4712));
-    EXPECT_EQ(failure<std::runtime_error>([&] { middleware({{"opc.ps.pollingPeriodMs", "abc"}})->createSubscriber<T>(uri()); })
-                  .rfind("invalid value for DUVO property \"opc.ps.pollingPeriodMs\"", 0),
+    EXPECT_EQ(failure<std::runtime_error>([&] {
+                  middleware({{"opc.ps.pollingPeriodMs", "abc"}})->createSubscriber<T>(uri());
+              }).rfind("invalid value for DUVO property \"opc.ps.pollingPeriodMs\"", 0),
               0u);
 }
 

@@ -58,9 +58,7 @@ inline double msSince(Clock::time_point start) {
 
 using duvo::test::make;
 
-inline RrQoS replyTime(std::chrono::milliseconds ms) {
-    return {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(ms)};
-}
+inline RrQoS replyTime(std::chrono::milliseconds ms) { return {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(ms)}; }
 
 /// Measured times, printed as count, median and worst when it goes: figures, never assertions.
 class Figures {

@@ -121,11 +121,12 @@ void Outages::run(bool silent, int outages) {
                 ASSERT_TRUE(monitored.waitForNotAlive(outage, cut + 10s));
             }
             // Requests made now fail at their deadlines.
-            auto publish = std::async(std::launch::async, [&] {
-                return timed([&] { publisher->publish(applicationSample(0), 300ms); });
-            });
-            auto call = std::async(std::launch::async, [&] { return timed([&] { caller.RPC_SetPower(false).get(); }); });
-            auto syncCall = std::async(std::launch::async, [&] { return timed([&] { syncCaller.RPC_SetPower(false); }); });
+            auto publish = std::async(std::launch::async,
+                                      [&] { return timed([&] { publisher->publish(applicationSample(0), 300ms); }); });
+            auto call =
+                std::async(std::launch::async, [&] { return timed([&] { caller.RPC_SetPower(false).get(); }); });
+            auto syncCall =
+                std::async(std::launch::async, [&] { return timed([&] { syncCaller.RPC_SetPower(false); }); });
             const Refusal p = publish.get(), c = call.get(), s = syncCall.get();
             ASSERT_TRUE(p.refused && c.refused && s.refused);
             // The publisher's wait and the client's deadline end together; the publisher tells.
@@ -134,7 +135,8 @@ void Outages::run(bool silent, int outages) {
             EXPECT_EQ(c.text, callText);
             EXPECT_TRUE(c.timedOut || !silent);
             EXPECT_TRUE(s.text == "timeout when waiting for data" || (silent && s.text == callText)) << s.text;
-            for (const auto& [r, figures] : {std::pair{p, &publishOver}, std::pair{c, &callOver}, std::pair{s, &syncOver}}) {
+            for (const auto& [r, figures] :
+                 {std::pair{p, &publishOver}, std::pair{c, &callOver}, std::pair{s, &syncOver}}) {
                 EXPECT_GE(r.ms, 299);
                 EXPECT_LE(r.ms, 800);
                 figures->add(r.ms - 300);

@@ -33,8 +33,8 @@ TEST_F(SlowServer, deadlines_hold_for_every_request_from_many_threads_and_for_a_
     AsyncClient caller50(rr, replyTime(50ms), Properties{}, duvo);
     AsyncClient caller150(rr, replyTime(150ms), Properties{}, duvo);
     SyncClient syncCaller(rr, replyTime(200ms), Properties{}, duvo);
-    Watched monitored("monitored",
-                      make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0", endpoint), {{"opc.ps.pollingPeriodMs", "0"}}, duvo));
+    Watched monitored("monitored", make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0", endpoint),
+                                                                {{"opc.ps.pollingPeriodMs", "0"}}, duvo));
     // Connected and answered once, with time to spare on a slow build.
     ASSERT_NO_THROW(publisher->publish(applicationSample(1), 5000ms));
     ASSERT_TRUE(AsyncClient(rr, replyTime(5000ms), Properties{}, duvo).RPC_SetPower(true).get());
@@ -51,11 +51,11 @@ TEST_F(SlowServer, deadlines_hold_for_every_request_from_many_threads_and_for_a_
         threads.push_back(std::async(std::launch::async, [&, t] {
             for (int round = 0; round < 3; ++round) {
                 const int timeout = std::vector<int>{20, 50, 100, 250, 400}[(t + round) % 5];
-                expectRefusedAt(timeout, {"timeout when publishing"}, publishOver, [&] {
-                    publisher->publish(applicationSample(t), std::chrono::milliseconds(timeout));
-                });
+                expectRefusedAt(timeout, {"timeout when publishing"}, publishOver,
+                                [&] { publisher->publish(applicationSample(t), std::chrono::milliseconds(timeout)); });
                 AsyncClient& caller = (t + round) % 2 ? caller150 : caller50;
-                expectRefusedAt((t + round) % 2 ? 150 : 50, {noReply}, callOver, [&] { caller.RPC_SetPower(true).get(); });
+                expectRefusedAt((t + round) % 2 ? 150 : 50, {noReply}, callOver,
+                                [&] { caller.RPC_SetPower(true).get(); });
                 expectRefusedAt(200, {"timeout when waiting for data"}, syncOver,
                                 [&] { syncCaller.RPC_SetPower(true); });
             }
@@ -92,13 +92,14 @@ TEST_F(SlowServer, late_reads_of_a_poll_hold_up_no_other_entity_on_the_endpoint)
     const auto slowReads = [&] { proxy.delayRepliesTo("NoSuchNode", 4000ms); };
     slowReads();
     Device device(*simulator);
-    Watched monitored("monitored",
-                      make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0", endpoint), {{"opc.ps.pollingPeriodMs", "0"}}, duvo));
+    Watched monitored("monitored", make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0", endpoint),
+                                                                {{"opc.ps.pollingPeriodMs", "0"}}, duvo));
     ASSERT_TRUE(monitored.waitForValue(1, Clock::now() + 10s));
     // Polls at 0, 2.5, 5 s...: each read waits out its period.
     const auto start = Clock::now();
-    auto polled = make<OpcUaSubscriber<T, ST>>(
-        psUri("NoSuchNode", endpoint), {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "2500"}}, duvo);
+    auto polled =
+        make<OpcUaSubscriber<T, ST>>(psUri("NoSuchNode", endpoint),
+                                     {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "2500"}}, duvo);
 
     // Notifications keep coming while reads wait for their replies.
     Figures gaps("late reads: longest gap between notifications");
@@ -134,9 +135,9 @@ TEST_F(SlowServer, late_reads_of_a_poll_hold_up_no_other_entity_on_the_endpoint)
 TEST_F(SlowServer, an_unanswered_poll_ends_at_its_period_and_does_not_hold_up_close) {
     vesk::duvo::sim::FaultProxy proxy(simulator->endpoint());
     Device device(*simulator);
-    auto subscriber = make<OpcUaSubscriber<T, ST>>(
-        psUri("M2Int32Value0", proxy.endpoint()), {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "300"}},
-        duvo);
+    auto subscriber =
+        make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0", proxy.endpoint()),
+                                     {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "300"}}, duvo);
     Watched polled("polled", subscriber);
     ASSERT_TRUE(polled.waitForValue(1, Clock::now() + 10s));
     proxy.blackhole();

@@ -22,10 +22,18 @@ TEST_F(Teardown, entities_go_in_any_order_while_the_connection_fails) {
         std::mt19937 random(7);
         while (!stop.load()) {
             switch (random() % 4) {
-            case 0: proxy.delayReplies(std::chrono::milliseconds(random() % 80)); break;
-            case 1: proxy.closeAll(); break;
-            case 2: proxy.blackhole(); break;
-            default: proxy.passThrough(); break;
+            case 0:
+                proxy.delayReplies(std::chrono::milliseconds(random() % 80));
+                break;
+            case 1:
+                proxy.closeAll();
+                break;
+            case 2:
+                proxy.blackhole();
+                break;
+            default:
+                proxy.passThrough();
+                break;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(50 + random() % 250));
         }
@@ -54,8 +62,9 @@ TEST_F(Teardown, entities_go_in_any_order_while_the_connection_fails) {
                 auto queued = make<OpcUaSubscriber<T, ST>>(uri, chance(50) ? monitoredProps : polledProps, own);
                 auto mostRecent = make<OpcUaMrvSubscriber<T, ST>>(uri, chance(50) ? monitoredProps : polledProps, own);
                 std::atomic<int> delivered{0};
-                auto subscription = queued->subscribeAsync(
-                    DataEventFilter<T>(), [&delivered](vesk::duvo::ps::Subscriber<T>&, const DataEvent<T>&) { ++delivered; });
+                auto subscription =
+                    queued->subscribeAsync(DataEventFilter<T>(), [&delivered](vesk::duvo::ps::Subscriber<T>&,
+                                                                              const DataEvent<T>&) { ++delivered; });
                 auto publisher = make<OpcUaPublisher<P, PT>>(psUri("M2FloatVector6", endpoint), {}, own);
                 auto caller = std::make_unique<AsyncClient>(rrUri("PsRpcSetpower", "RPC_SetPower", endpoint),
                                                             replyTime(std::chrono::milliseconds(20 + random() % 200)),
@@ -116,8 +125,8 @@ TEST_F(Teardown, entities_go_in_any_order_while_the_connection_fails) {
     EXPECT_GT(rounds.load(), 4);
 
     // The shared middleware still works afterwards.
-    Watched after("after", make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0", endpoint), {{"opc.ps.pollingPeriodMs", "0"}},
-                                                        duvo));
+    Watched after("after", make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0", endpoint),
+                                                        {{"opc.ps.pollingPeriodMs", "0"}}, duvo));
     EXPECT_TRUE(after.waitForValue(device.mark(), Clock::now() + 15s));
     AsyncClient caller(rrUri("PsRpcSetpower", "RPC_SetPower", endpoint), RrQoS{}, Properties{}, duvo);
     EXPECT_TRUE(caller.RPC_SetPower(true).get());

@@ -11,11 +11,11 @@ namespace duvo::interop {
 class NodeServer {
 public:
     struct Paths {
-        std::string node;      // the node executable; empty when none was found
-        std::string script;    // interop/server.js
-        std::string catalogue; // the JSON of `m2ctl list --json`
-        std::string workDir;   // the server's log, and its certificates unless pki is set
-        std::string pki = {};  // the certificate folder, shared by servers that run one after another
+        std::string node;       // the node executable; empty when none was found
+        std::string script;     // interop/server.js
+        std::string catalogue;  // the JSON of `m2ctl list --json`
+        std::string workDir;    // the server's log, and its certificates unless pki is set
+        std::string pki = {};   // the certificate folder, shared by servers that run one after another
         std::string users = {}; // "user:password" lines: SignAndEncrypt for those users only
     };
 
@@ -48,8 +48,8 @@ private:
 
 /// Why the interop tests cannot run here, or empty when they can.
 struct Availability {
-    bool skip = false;   // node is absent and DUVO_REQUIRE_INTEROP is unset
-    std::string reason;  // set when the server is not running
+    bool skip = false;  // node is absent and DUVO_REQUIRE_INTEROP is unset
+    std::string reason; // set when the server is not running
 };
 
 /// Where this program's server keeps its certificates and log: DUVO_INTEROP_WORK_DIR, or the

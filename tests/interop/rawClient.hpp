@@ -184,7 +184,8 @@ private:
             check(UA_ClientConfig_setDefaultEncryption(&config, {cert.size(), (UA_Byte*)cert.data()},
                                                        {key.size(), (UA_Byte*)key.data()}, nullptr, 0, nullptr, 0),
                   "set up encryption");
-            if (config.certificateVerification.clear) config.certificateVerification.clear(&config.certificateVerification);
+            if (config.certificateVerification.clear)
+                config.certificateVerification.clear(&config.certificateVerification);
             UA_CertificateVerification_AcceptAll(&config.certificateVerification);
             config.securityMode = UA_MESSAGESECURITYMODE_SIGNANDENCRYPT;
             config.securityPolicyUri = UA_STRING_ALLOC("http://opcfoundation.org/UA/SecurityPolicy#Basic256Sha256");

@@ -73,15 +73,15 @@ std::string join(const std::vector<std::string>& items) {
 std::string describeVariable(RawClient& client, const std::string& name) {
     const UA_NodeId node = stringNode(name);
     std::ostringstream out;
-    out << "class " << attribute(client, node, UA_ATTRIBUTEID_NODECLASS)
-        << "\nbrowse name " << attribute(client, node, UA_ATTRIBUTEID_BROWSENAME)
-        << "\ndata type " << attribute(client, node, UA_ATTRIBUTEID_DATATYPE)
-        << "\nvalue rank " << attribute(client, node, UA_ATTRIBUTEID_VALUERANK)
-        << "\narray dimensions " << attribute(client, node, UA_ATTRIBUTEID_ARRAYDIMENSIONS)
-        << "\naccess " << attribute(client, node, UA_ATTRIBUTEID_ACCESSLEVEL)
-        << "\nuser access " << attribute(client, node, UA_ATTRIBUTEID_USERACCESSLEVEL)
-        << "\ntype definition " << join(client.browse(node, UA_NS0ID_HASTYPEDEFINITION))
-        << "\norganized by " << join(client.browse(node, UA_NS0ID_ORGANIZES, true));
+    out << "class " << attribute(client, node, UA_ATTRIBUTEID_NODECLASS) << "\nbrowse name "
+        << attribute(client, node, UA_ATTRIBUTEID_BROWSENAME) << "\ndata type "
+        << attribute(client, node, UA_ATTRIBUTEID_DATATYPE) << "\nvalue rank "
+        << attribute(client, node, UA_ATTRIBUTEID_VALUERANK) << "\narray dimensions "
+        << attribute(client, node, UA_ATTRIBUTEID_ARRAYDIMENSIONS) << "\naccess "
+        << attribute(client, node, UA_ATTRIBUTEID_ACCESSLEVEL) << "\nuser access "
+        << attribute(client, node, UA_ATTRIBUTEID_USERACCESSLEVEL) << "\ntype definition "
+        << join(client.browse(node, UA_NS0ID_HASTYPEDEFINITION)) << "\norganized by "
+        << join(client.browse(node, UA_NS0ID_ORGANIZES, true));
     return out.str();
 }
 
@@ -91,16 +91,16 @@ std::string describeInterface(RawClient& client, const std::string& iface, const
     const std::string methodId = iface + "." + method;
     const UA_NodeId methodNode = stringNode(methodId);
     std::ostringstream out;
-    out << "object class " << attribute(client, object, UA_ATTRIBUTEID_NODECLASS)
-        << "\nobject browse name " << attribute(client, object, UA_ATTRIBUTEID_BROWSENAME)
-        << "\nobject organized by " << join(client.browse(object, UA_NS0ID_ORGANIZES, true))
-        << "\nobject components " << join(client.browse(object, UA_NS0ID_HASCOMPONENT))
-        << "\nmethod class " << attribute(client, methodNode, UA_ATTRIBUTEID_NODECLASS)
-        << "\nmethod browse name " << attribute(client, methodNode, UA_ATTRIBUTEID_BROWSENAME)
-        << "\nexecutable " << attribute(client, methodNode, UA_ATTRIBUTEID_EXECUTABLE)
-        << "\nuser executable " << attribute(client, methodNode, UA_ATTRIBUTEID_USEREXECUTABLE)
-        << "\ninputs " << arguments(client, methodNode, "InputArguments")
-        << "\noutputs " << arguments(client, methodNode, "OutputArguments");
+    out << "object class " << attribute(client, object, UA_ATTRIBUTEID_NODECLASS) << "\nobject browse name "
+        << attribute(client, object, UA_ATTRIBUTEID_BROWSENAME) << "\nobject organized by "
+        << join(client.browse(object, UA_NS0ID_ORGANIZES, true)) << "\nobject components "
+        << join(client.browse(object, UA_NS0ID_HASCOMPONENT)) << "\nmethod class "
+        << attribute(client, methodNode, UA_ATTRIBUTEID_NODECLASS) << "\nmethod browse name "
+        << attribute(client, methodNode, UA_ATTRIBUTEID_BROWSENAME) << "\nexecutable "
+        << attribute(client, methodNode, UA_ATTRIBUTEID_EXECUTABLE) << "\nuser executable "
+        << attribute(client, methodNode, UA_ATTRIBUTEID_USEREXECUTABLE) << "\ninputs "
+        << arguments(client, methodNode, "InputArguments") << "\noutputs "
+        << arguments(client, methodNode, "OutputArguments");
     return out.str();
 }
 
@@ -151,8 +151,8 @@ protected:
     template <class Sync, class Invoke>
     std::pair<std::string, std::string> callAt(const std::string& object, const std::string& method, Invoke invoke) {
         const auto once = [&](const std::string& endpoint) -> std::string {
-            const std::string uri = "opcua-rr://" + endpoint.substr(std::string("opc.tcp://").size()) + "#ns=1;s=" +
-                                    object + ",ns=1;s=" + method;
+            const std::string uri = "opcua-rr://" + endpoint.substr(std::string("opc.tcp://").size()) +
+                                    "#ns=1;s=" + object + ",ns=1;s=" + method;
             try {
                 auto stub = middleware()->createClient<Sync>(
                     uri, RrQoS{std::make_shared<vesk::duvo::rr::qos::ReplyTime>(kWait)});
@@ -173,17 +173,17 @@ vesk::duvo::sim::Simulator* BothServers::simulator = nullptr;
 class AddressSpace : public BothServers {};
 
 TEST_F(AddressSpace, every_variable_matches_the_simulator) {
-#define COMPARE_VARIABLE(Name, ...)                                                              \
-    EXPECT_EQ(describeVariable(raw->raw, #Name), describeVariable(*simRaw, #Name)) << #Name;        \
-    EXPECT_EQ(attribute(raw->raw, stringNode(#Name), UA_ATTRIBUTEID_VALUE),                            \
-              attribute(*simRaw, stringNode(#Name), UA_ATTRIBUTEID_VALUE))                         \
+#define COMPARE_VARIABLE(Name, ...)                                                                                    \
+    EXPECT_EQ(describeVariable(raw->raw, #Name), describeVariable(*simRaw, #Name)) << #Name;                           \
+    EXPECT_EQ(attribute(raw->raw, stringNode(#Name), UA_ATTRIBUTEID_VALUE),                                            \
+              attribute(*simRaw, stringNode(#Name), UA_ATTRIBUTEID_VALUE))                                             \
         << #Name << " starts with another value";
     M2TYPES_DATA_CATALOGUE(COMPARE_VARIABLE)
 #undef COMPARE_VARIABLE
 }
 
 TEST_F(AddressSpace, every_method_matches_the_simulator) {
-#define COMPARE_INTERFACE(Iface, Method, ...)                                                                      \
+#define COMPARE_INTERFACE(Iface, Method, ...)                                                                          \
     EXPECT_EQ(describeInterface(raw->raw, #Iface, "RPC_" #Method), describeInterface(*simRaw, #Iface, "RPC_" #Method)) \
         << #Iface;
     M2TYPES_INTERFACE_CATALOGUE(COMPARE_INTERFACE)
@@ -206,7 +206,8 @@ TEST_F(AddressSpace, describes_what_it_compares) {
 
 TEST_F(AddressSpace, m2ctl_check_finds_both_servers_conforming) {
     for (const std::string& endpoint : {simulator->endpoint(), node->endpoint()}) {
-        const std::string command = std::string(M2CTL_PROGRAM) + " check --timeout 10000 --endpoint " + endpoint + " 2>&1";
+        const std::string command =
+            std::string(M2CTL_PROGRAM) + " check --timeout 10000 --endpoint " + endpoint + " 2>&1";
         FILE* pipe = ::popen(command.c_str(), "r");
         ASSERT_NE(pipe, nullptr);
         std::string out;
@@ -281,25 +282,28 @@ TEST_F(Differences, the_same_refusals_where_both_check) {
 TEST_F(Differences, calls_with_arguments_the_method_does_not_take) {
     // A Boolean where the method takes a Byte: open62541 answers BadInvalidArgument (with the
     // argument's own BadTypeMismatch in the input argument results), node-opcua BadTypeMismatch.
-    const auto wrongType = callAt<m2Types::PsRpcSetpowerSync>(
-        "OpRpcSystemResetErrors", "OpRpcSystemResetErrors.RPC_ResetErrors", [](auto& s) { return s.RPC_SetPower(true); });
+    const auto wrongType =
+        callAt<m2Types::PsRpcSetpowerSync>("OpRpcSystemResetErrors", "OpRpcSystemResetErrors.RPC_ResetErrors",
+                                           [](auto& s) { return s.RPC_SetPower(true); });
     EXPECT_EQ(wrongType.first, "RPC call failed: BadInvalidArgument");
     EXPECT_EQ(wrongType.second, "RPC call failed: BadTypeMismatch");
 
     // An array where the method takes a scalar: the same split.
-    const auto arrayForScalar = callAt<m2Types::PsRpcLegPositionSetpointSync>(
-        "OpRpcSystemStop", "OpRpcSystemStop.RPC_Stop",
-        [](auto& s) { return s.RPC_LegPositionSetpoint(vesk::duvo::shared_vector<const double>{1.0}); });
+    const auto arrayForScalar =
+        callAt<m2Types::PsRpcLegPositionSetpointSync>("OpRpcSystemStop", "OpRpcSystemStop.RPC_Stop", [](auto& s) {
+            return s.RPC_LegPositionSetpoint(vesk::duvo::shared_vector<const double>{1.0});
+        });
     EXPECT_EQ(arrayForScalar.first, "RPC call failed: BadInvalidArgument");
     EXPECT_EQ(arrayForScalar.second, "RPC call failed: BadTypeMismatch");
 
     // One argument where the method takes three, and sixteen where it takes one: both agree.
-    const auto tooFew = callAt<m2Types::PsRpcSetpowerSync>(
-        "OpRpcSystemBuiltInTest", "OpRpcSystemBuiltInTest.RPC_BuiltInTest", [](auto& s) { return s.RPC_SetPower(true); });
+    const auto tooFew =
+        callAt<m2Types::PsRpcSetpowerSync>("OpRpcSystemBuiltInTest", "OpRpcSystemBuiltInTest.RPC_BuiltInTest",
+                                           [](auto& s) { return s.RPC_SetPower(true); });
     EXPECT_EQ(tooFew.first, "RPC call failed: BadArgumentsMissing");
     EXPECT_EQ(tooFew.second, "RPC call failed: BadArgumentsMissing");
-    const auto tooMany = callAt<m2Types::WhRpcDeadZoneCalibrationAdsSync>(
-        "PsRpcSetpower", "PsRpcSetpower.RPC_SetPower", [](auto& s) {
+    const auto tooMany =
+        callAt<m2Types::WhRpcDeadZoneCalibrationAdsSync>("PsRpcSetpower", "PsRpcSetpower.RPC_SetPower", [](auto& s) {
             return s.RPC_DeadZoneCalibrationAds(true, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
         });
     EXPECT_EQ(tooMany.first, "RPC call failed: BadTooManyArguments");
@@ -323,9 +327,8 @@ TEST(NodeServerProcess, announces_its_endpoint_and_stops_on_sigterm) {
         if (availability.skip) GTEST_SKIP() << "interop tests skipped, " << availability.reason;
         FAIL() << availability.reason;
     }
-    interop::NodeServer::Paths paths{interop::NodeServer::findNode(), INTEROP_SERVER_SCRIPT,
-                                           INTEROP_CATALOGUE, interop::workDir() + "/second",
-                                           interop::workDir() + "/pki"};
+    interop::NodeServer::Paths paths{interop::NodeServer::findNode(), INTEROP_SERVER_SCRIPT, INTEROP_CATALOGUE,
+                                     interop::workDir() + "/second", interop::workDir() + "/pki"};
     interop::NodeServer second(paths, std::chrono::seconds(120));
     EXPECT_EQ(second.endpoint().rfind("opc.tcp://127.0.0.1:", 0), 0u) << second.endpoint();
     {

@@ -82,7 +82,9 @@ inline bool startsWith(const std::string& text, const std::string& prefix) { ret
 /// A test server and a client connected to it.
 class ClientTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_TRUE(eventually([&] { return client->isConnected(); })) << "no session"; }
+    void SetUp() override {
+        ASSERT_TRUE(eventually([&] { return client->isConnected(); })) << "no session";
+    }
 
     TestServer server;
     std::unique_ptr<OpcUaClient> client = std::make_unique<OpcUaClient>(server.endpoint());
@@ -129,7 +131,8 @@ TEST_F(ClientTest, write_read_and_call_round_trip) {
     EXPECT_EQ(written->results[0], UA_STATUSCODE_GOOD);
     EXPECT_EQ(written->results[1], UA_STATUSCODE_GOOD);
 
-    const auto ids = client->makeReadValueIds({op::UaNodeId(node("Int32")), op::UaNodeId(node("String")), op::UaNodeId(node("Nope"))});
+    const auto ids = client->makeReadValueIds(
+        {op::UaNodeId(node("Int32")), op::UaNodeId(node("String")), op::UaNodeId(node("Nope"))});
     auto read = client->readValuesAsync(ids, 3, Clock::now() + 2s).get();
     ASSERT_EQ(read->resultsSize, 3u);
     EXPECT_EQ(*static_cast<UA_Int32*>(read->results[0].value.data), -7);
@@ -154,9 +157,15 @@ TEST_F(ClientTest, monitor_delivers_every_change_in_order_on_the_io_thread) {
         onIoThread = onIoThread && std::this_thread::get_id() == ioThread;
         seen.push_back(*static_cast<double*>(value->value.data));
     });
-    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return !seen.empty(); })); // the initial value
+    ASSERT_TRUE(eventually([&] {
+        std::lock_guard<std::mutex> l(mutex);
+        return !seen.empty();
+    }));                                                           // the initial value
     for (int i = 1; i <= 30; ++i) server.writeDouble("Double", i); // a burst between two publishes
-    ASSERT_TRUE(eventually([&] { std::lock_guard<std::mutex> l(mutex); return seen.back() == 30; }));
+    ASSERT_TRUE(eventually([&] {
+        std::lock_guard<std::mutex> l(mutex);
+        return seen.back() == 30;
+    }));
     std::lock_guard<std::mutex> lock(mutex);
     EXPECT_EQ(seen.size(), 31u);
     for (std::size_t i = 0; i < seen.size(); ++i) EXPECT_EQ(seen[i], double(i));
@@ -187,7 +196,7 @@ TEST_F(ClientTest, slow_reply_fails_at_the_reply_deadline_and_the_late_reply_is_
     EXPECT_TRUE(startsWith(failure, "timeout")) << failure;
     EXPECT_GE(elapsed, 150ms);
     EXPECT_LE(elapsed, 1500ms);
-    std::this_thread::sleep_for(800ms); // the reply arrives late
+    std::this_thread::sleep_for(800ms);          // the reply arrives late
     auto unbounded = callSleep(*client, 400, 0); // no reply deadline: waits as long as it takes
     EXPECT_EQ(failureOf(unbounded), "");
     EXPECT_TRUE(events.empty()); // the channel stayed up
@@ -233,7 +242,9 @@ TEST(Deadline, unreachable_silent_or_paused_endpoints_fail_requests_at_their_dea
 
 TEST_F(ClientTest, callers_that_drive_the_loop_and_give_up_throw_or_are_interrupted_leave_it_driven) {
     // Nobody drives below while waiting: each future completes only if the loop still runs.
-    const auto completes = [](auto& future) { return future.wait_for(boost::chrono::seconds(3)) == boost::future_status::ready; };
+    const auto completes = [](auto& future) {
+        return future.wait_for(boost::chrono::seconds(3)) == boost::future_status::ready;
+    };
     // A caller that gives up before its reply.
     auto slow = callSleep(*client, 300, 0);
     EXPECT_EQ(op::awaitReply(*client, slow, boost::chrono::steady_clock::now() + boost::chrono::milliseconds(30)),
@@ -259,10 +270,11 @@ TEST_F(ClientTest, callers_that_drive_the_loop_and_give_up_throw_or_are_interrup
                 write.attributeId = UA_ATTRIBUTEID_VALUE;
                 write.value.hasValue = true;
                 UA_Variant_setScalar(&write.value.value, &value, &UA_TYPES[UA_TYPES_DOUBLE]);
-                client->writeValues(&write, 1, Clock::now() + 2s, [i](OpcUaClient::WriteResponse, const op::RequestFailure*) {
-                    if (i == 1) throw std::runtime_error("a completion failed");
-                    boost::this_thread::interruption_point();
-                });
+                client->writeValues(&write, 1, Clock::now() + 2s,
+                                    [i](OpcUaClient::WriteResponse, const op::RequestFailure*) {
+                                        if (i == 1) throw std::runtime_error("a completion failed");
+                                        boost::this_thread::interruption_point();
+                                    });
             }
             try {
                 op::awaitReply(*client, writes.back(), boost::chrono::steady_clock::now() + boost::chrono::seconds(2));
@@ -324,7 +336,9 @@ TEST_F(ClientTest, a_silent_server_keeps_the_session_and_a_restarted_one_gets_it
         };
     };
     const auto eventCount = [&](std::size_t n) { return eventually(locked([&] { return events.size() == n; }), 8s); };
-    const auto lastSeen = [&](double v) { return eventually(locked([&] { return !seen.empty() && seen.back() == v; })); };
+    const auto lastSeen = [&](double v) {
+        return eventually(locked([&] { return !seen.empty() && seen.back() == v; }));
+    };
     ASSERT_TRUE(eventually([&] { return server.itemsCreated("Double") == 1; }));
 
     // Silent: noticed in about three seconds; the same session and subscription resume.

@@ -53,7 +53,8 @@ unsigned freePort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in a = loopback(0);
     socklen_t len = sizeof a;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
         throw std::runtime_error("no free port");
     ::close(fd);
     return ntohs(a.sin_port);
@@ -83,8 +84,10 @@ void TestServer::start() {
     thread_ = std::thread([this] {
         while (running_) {
             idle_ = paused_.load();
-            if (idle_) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            else UA_Server_run_iterate(server_, true);
+            if (idle_)
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            else
+                UA_Server_run_iterate(server_, true);
         }
     });
 }
@@ -121,7 +124,8 @@ void TestServer::addNodes() {
         attr.dataType = UA_TYPES[type].typeId;
         attr.accessLevel = UA_ACCESSLEVELMASK_READ | UA_ACCESSLEVELMASK_WRITE;
         UA_Server_addVariableNode(server_, ns1(name), UA_NODEID_NUMERIC(0, UA_NS0ID_OBJECTSFOLDER),
-                                  UA_NODEID_NUMERIC(0, UA_NS0ID_ORGANIZES), UA_QUALIFIEDNAME(1, const_cast<char*>(name)),
+                                  UA_NODEID_NUMERIC(0, UA_NS0ID_ORGANIZES),
+                                  UA_QUALIFIEDNAME(1, const_cast<char*>(name)),
                                   UA_NODEID_NUMERIC(0, UA_NS0ID_BASEDATAVARIABLETYPE), attr, this, nullptr);
     };
     const UA_Double d = 0;
@@ -140,8 +144,8 @@ void TestServer::addNodes() {
     UA_Argument sleepIn = argument("ms", UA_TYPES_UINT32);
     UA_Argument sleepOut = argument("slept", UA_TYPES_UINT32);
     UA_Server_addMethodNode(server_, ns1("Methods.Sleep"), ns1("Methods"), UA_NODEID_NUMERIC(0, UA_NS0ID_HASCOMPONENT),
-                            UA_QUALIFIEDNAME(1, const_cast<char*>("Sleep")), methodAttr, &sleep, 1, &sleepIn, 1, &sleepOut,
-                            nullptr, nullptr);
+                            UA_QUALIFIEDNAME(1, const_cast<char*>("Sleep")), methodAttr, &sleep, 1, &sleepIn, 1,
+                            &sleepOut, nullptr, nullptr);
 }
 
 void TestServer::writeDouble(const char* node, double value) {
@@ -155,7 +159,8 @@ void TestServer::onItem(UA_Server*, const UA_NodeId*, void*, const UA_NodeId* no
                         UA_Boolean removed) {
     auto* self = static_cast<TestServer*>(nodeContext);
     if (self == nullptr || nodeId->identifierType != UA_NODEIDTYPE_STRING) return;
-    const std::string name(reinterpret_cast<const char*>(nodeId->identifier.string.data), nodeId->identifier.string.length);
+    const std::string name(reinterpret_cast<const char*>(nodeId->identifier.string.data),
+                           nodeId->identifier.string.length);
     std::lock_guard<std::mutex> lock(self->countsMutex_);
     auto& count = self->counts_[name];
     (removed ? count.second : count.first) += 1;

@@ -32,7 +32,8 @@ public:
     int itemsDeleted(const std::string& node);
 
 private:
-    static void onItem(UA_Server*, const UA_NodeId*, void*, const UA_NodeId* nodeId, void*, UA_UInt32, UA_Boolean removed);
+    static void onItem(UA_Server*, const UA_NodeId*, void*, const UA_NodeId* nodeId, void*, UA_UInt32,
+                       UA_Boolean removed);
     void addNodes();
     void poke();
 

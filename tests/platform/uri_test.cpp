@@ -30,7 +30,9 @@ TEST(Uri, good_fragments_give_their_node_ids_in_order) {
         {"opcua-ps://h#i=2258", {"i=2258"}},
         {"opcua-ps://h#ns=1;s=a%2Cb,i=1", {"ns=1;s=a,b", "i=1"}},
         {"opcua-ps://h#ns=1;s=with%20space%20%22q%22;=", {"ns=1;s=with space \"q\";="}},
-        {"opcua-ps://h#ns=2;s=Gr%C3%B6%C3%9Fe%E2%82%AC", {"ns=2;s=Gr\xC3\xB6\xC3\x9F" "e\xE2\x82\xAC"}},
+        {"opcua-ps://h#ns=2;s=Gr%C3%B6%C3%9Fe%E2%82%AC",
+         {"ns=2;s=Gr\xC3\xB6\xC3\x9F"
+          "e\xE2\x82\xAC"}},
         {"opcua-ps://h#ns=1;g=09087e75-8e5e-499b-954f-f2a9603db28a", {"ns=1;g=09087e75-8e5e-499b-954f-f2a9603db28a"}},
         {"opcua-ps://h#ns=1;b=b3BlbjYyNTQxIQ==", {"ns=1;b=b3BlbjYyNTQxIQ=="}},
     };
@@ -39,14 +41,14 @@ TEST(Uri, good_fragments_give_their_node_ids_in_order) {
 
 TEST(Uri, bad_fragments_are_rejected_naming_the_uri_and_the_part) {
     const std::vector<std::pair<std::string, std::string>> table = {
-        {"opcua-ps://h#", "\"\""},                    // empty id
-        {"opcua-ps://h#i=1,,i=2", "\"\""},            // empty id between commas
-        {"opcua-ps://h#i=1,", "\"\""},                // trailing comma
-        {"opcua-ps://h#ns=1;x=7", "ns=1;x=7"},        // unparsable
-        {"opcua-ps://h#ns=1;s=%FF", "ns=1;s=%FF"},    // decodes to bytes that are not UTF-8
-        {"opcua-ps://h#ns=1;s=%zz", "opcua-ps://h"},  // bad percent-encoding: the URI does not parse
-        {"opcua-ps://h#ns=1;s=a b", "opcua-ps://h"},  // a raw space: the URI does not parse
-        {"opcua-ps://h", "opcua-ps://h"},             // no fragment at all
+        {"opcua-ps://h#", "\"\""},                   // empty id
+        {"opcua-ps://h#i=1,,i=2", "\"\""},           // empty id between commas
+        {"opcua-ps://h#i=1,", "\"\""},               // trailing comma
+        {"opcua-ps://h#ns=1;x=7", "ns=1;x=7"},       // unparsable
+        {"opcua-ps://h#ns=1;s=%FF", "ns=1;s=%FF"},   // decodes to bytes that are not UTF-8
+        {"opcua-ps://h#ns=1;s=%zz", "opcua-ps://h"}, // bad percent-encoding: the URI does not parse
+        {"opcua-ps://h#ns=1;s=a b", "opcua-ps://h"}, // a raw space: the URI does not parse
+        {"opcua-ps://h", "opcua-ps://h"},            // no fragment at all
     };
     for (const auto& [uri, part] : table) {
         try {
@@ -60,8 +62,9 @@ TEST(Uri, bad_fragments_are_rejected_naming_the_uri_and_the_part) {
 }
 
 TEST(Uri, node_id_text_round_trips_through_an_encoded_fragment) {
-    for (const std::string text : {"i=13", "ns=10;s=Hello:World", "ns=1;s=a,b;c=d \"e\" #%", "ns=3;s=\xE6\x97\xA5\xE6\x9C\xAC",
-                                   "ns=1;s=\xF0\x9F\x99\x82 smile", "ns=1;g=09087e75-8e5e-499b-954f-f2a9603db28a"}) {
+    for (const std::string text :
+         {"i=13", "ns=10;s=Hello:World", "ns=1;s=a,b;c=d \"e\" #%", "ns=3;s=\xE6\x97\xA5\xE6\x9C\xAC",
+          "ns=1;s=\xF0\x9F\x99\x82 smile", "ns=1;g=09087e75-8e5e-499b-954f-f2a9603db28a"}) {
         const std::string uri = "opcua-ps://h#" + boost::urls::encode(text, boost::urls::unreserved_chars);
         EXPECT_EQ(idTexts(uri), std::vector<std::string>{text}) << uri;
     }

@@ -54,7 +54,7 @@ TEST(Time, maxDataTimestamp_takes_the_newest_source_time_only) {
 
 TEST(Properties, absent_gives_default_present_converts_and_a_bad_value_is_named) {
     std::map<std::string, std::string> props = {{"i", "250"}, {"neg", "-3"}, {"t", "TRUE"}, {"f", "false"},
-                                                      {"one", "1"}, {"zero", "0"}, {"d", "0.5"}};
+                                                {"one", "1"}, {"zero", "0"}, {"d", "0.5"}};
     EXPECT_EQ(op::getDuvoProperty<int>(props, "missing", 1000), 1000);
     EXPECT_EQ(op::getDuvoProperty<int>(props, "i", 0), 250);
     EXPECT_EQ(op::getDuvoProperty<long>(props, "neg", 0), -3);
@@ -77,8 +77,10 @@ TEST(Properties, absent_gives_default_present_converts_and_a_bad_value_is_named)
     };
     EXPECT_EQ(message([&] { op::getDuvoProperty<int>(props, "opc.ps.pollingPeriodMs", 1000); }),
               "invalid value for DUVO property \"opc.ps.pollingPeriodMs\": \"abc\"");
-    EXPECT_EQ(message([&] { op::getDuvoProperty<bool>(props, "b", false); }), "invalid value for DUVO property \"b\": \"yes\"");
-    EXPECT_EQ(message([&] { op::getDuvoProperty<int>(props, "n", 0); }), "invalid value for DUVO property \"n\": \" 5\"");
+    EXPECT_EQ(message([&] { op::getDuvoProperty<bool>(props, "b", false); }),
+              "invalid value for DUVO property \"b\": \"yes\"");
+    EXPECT_EQ(message([&] { op::getDuvoProperty<int>(props, "n", 0); }),
+              "invalid value for DUVO property \"n\": \" 5\"");
     EXPECT_EQ(message([&] { op::getDuvoProperty<int>(props, "big", 0); }),
               "invalid value for DUVO property \"big\": \"99999999999\"");
 }

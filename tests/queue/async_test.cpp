@@ -15,9 +15,9 @@ TEST(QueuedAsync, a_listener_consumes_the_events_of_its_filter_and_a_notifier_le
     sub.newData(keyed(2, 20), 2.0, 1);
     std::vector<int> seen;
     auto subscription = sub.subscribeAsync(filterFor(1), EventCallback([&](auto& from, auto& event) {
-        EXPECT_EQ(&from, &sub);
-        seen.push_back(event.getData()->getValue());
-    }));
+                                               EXPECT_EQ(&from, &sub);
+                                               seen.push_back(event.getData()->getValue());
+                                           }));
     EXPECT_EQ(seen, (std::vector<int>{10})); // delivered while subscribing
     sub.newData(keyed(1, 11), 3.0, 1);
     sub.newData(keyed(2, 21), 4.0, 1);
@@ -44,10 +44,10 @@ TEST(QueuedAsync, throwing_or_reentrant_callbacks_are_reported_and_delivery_goes
     KeyedSubscriber sub;
     int calls = 0;
     auto listener = sub.subscribeAsync(filterFor(1), EventCallback([&](auto&, auto& event) {
-        ++calls;
-        if (event.getData()->getValue() == 10) throw std::runtime_error("boom");
-        if (event.getData()->getValue() == 11) throw 42;
-    }));
+                                           ++calls;
+                                           if (event.getData()->getValue() == 10) throw std::runtime_error("boom");
+                                           if (event.getData()->getValue() == 11) throw 42;
+                                       }));
     auto notifier = sub.subscribeAsync(filterFor(2), NotifyCallback([](auto&) { throw std::logic_error("bad"); }));
     auto polled = sub.subscribe(filterFor(3), [](auto&, auto&) { throw std::runtime_error("sync"); });
     CaptureStderr();

@@ -116,7 +116,8 @@ TEST(QueuedClose, every_reading_operation_fails_after_close_and_the_state_is_che
         [&] { sub.subscribeAsync(Filter(), NotifyCallback([](auto&) {})); },
         [&] { sub.loanedReadInstance(KeyedBinding(1)); },
     };
-    for (const auto& call : calls) expectThrowWith<vesk::duvo::IllegalStateException>(call, "Subscriber already closed");
+    for (const auto& call : calls)
+        expectThrowWith<vesk::duvo::IllegalStateException>(call, "Subscriber already closed");
 }
 
 } // namespace

@@ -34,7 +34,7 @@ TEST(QueuedQoS, latency_and_deadline_are_picked_by_type_the_last_wins_and_a_late
 TEST(QueuedQoS, a_sample_older_than_the_deadline_is_discarded_and_queued_ones_are_purged) {
     const QoSList deadline{std::make_shared<qos::Deadline>(200ms)};
     KeyedSubscriber onArrival(deadline);
-    const long t1 = currentTimeMillis(); // recent, so that the read itself purges nothing
+    const long t1 = currentTimeMillis();  // recent, so that the read itself purges nothing
     feed(onArrival, 1, 10, t1, t1 + 201); // too old on arrival
     feed(onArrival, 1, 11, t1, t1 + 200);
     feed(onArrival, 1, 12, t1 + 100, t1 + 200);

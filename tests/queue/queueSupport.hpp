@@ -52,7 +52,6 @@ private:
 using KeyedBinding = KeyedImpl<0>;
 using ForeignKeyed = KeyedImpl<1>;
 
-
 } // namespace duvo::test
 
 template <>

@@ -21,7 +21,9 @@ struct SampleArgument {
 };
 template <class E>
 struct SampleArgument<vesk::duvo::shared_vector<const E>> {
-    static OwnedVariant make(int seed) { return variantOf(duvo::test::SampleValues<m2Types::Vector<E>>::make(seed, 5)); }
+    static OwnedVariant make(int seed) {
+        return variantOf(duvo::test::SampleValues<m2Types::Vector<E>>::make(seed, 5));
+    }
 };
 
 template <class... P>

@@ -107,7 +107,8 @@ public:
     ~Client() {
         // Disconnecting waits for a timer or 100 ms per round of the event loop; a close
         // timer keeps test processes short.
-        UA_Client_addRepeatedCallback(client_, [](UA_Client*, void*) {}, nullptr, 1.0, nullptr);
+        UA_Client_addRepeatedCallback(
+            client_, [](UA_Client*, void*) {}, nullptr, 1.0, nullptr);
         UA_Client_disconnect(client_);
         UA_Client_delete(client_);
     }

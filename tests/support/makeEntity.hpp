@@ -14,7 +14,8 @@ namespace duvo::test {
 template <class Entity>
 std::shared_ptr<Entity> make(const std::string& uri, const vesk::duvo::Duvo::Properties& properties,
                              const std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo>& duvo) {
-    auto entity = std::make_shared<Entity>(uri, std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>{}, properties, duvo);
+    auto entity =
+        std::make_shared<Entity>(uri, std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>{}, properties, duvo);
     entity->setState(vesk::duvo::opcua::detail::ps::EntityState::Initialized);
     return entity;
 }

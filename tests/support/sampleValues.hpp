@@ -40,7 +40,8 @@ template <>
 struct SampleValues<m2Types::Vector<std::string>> {
     static std::vector<std::string> make(int seed, std::size_t n) {
         std::vector<std::string> v;
-        for (std::size_t i = 0; i < n; ++i) v.push_back(i % 3 == 2 ? std::string() : "s" + std::to_string(seed + int(i)));
+        for (std::size_t i = 0; i < n; ++i)
+            v.push_back(i % 3 == 2 ? std::string() : "s" + std::to_string(seed + int(i)));
         return v;
     }
 };

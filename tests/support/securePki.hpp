@@ -22,8 +22,8 @@ struct SecurePki {
     std::string client() const { return dir + "/client"; }
 
     /// A secure simulator (Sign, SignAndEncrypt and None endpoints) that knows the operator.
-    vesk::duvo::sim::Options serverOptions(vesk::duvo::sim::Options::Security security =
-                                               vesk::duvo::sim::Options::Security::Both) const {
+    vesk::duvo::sim::Options
+    serverOptions(vesk::duvo::sim::Options::Security security = vesk::duvo::sim::Options::Security::Both) const {
         vesk::duvo::sim::Options options;
         options.logLevel = UA_LOGLEVEL_ERROR;
         options.security = security;

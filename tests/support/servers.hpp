@@ -129,7 +129,9 @@ public:
                 properties.emplace(key, value);
         return std::make_shared<OpcUaDuvo>(std::move(properties));
     }
-    std::string psUri(const std::string& variable) const { return vesk::duvo::sim::pubSubUri(node->endpoint(), variable); }
+    std::string psUri(const std::string& variable) const {
+        return vesk::duvo::sim::pubSubUri(node->endpoint(), variable);
+    }
     std::string rrUri(const std::string& iface, const std::string& method) const {
         return vesk::duvo::sim::rpcUri(node->endpoint(), iface, method);
     }
@@ -143,19 +145,19 @@ public:
 
 /// One body, run as Name in the typed suites SimSuite (over OnSimulator) and NodeSuite (over
 /// OnNodeServer); the body sees its fixture as f and the type as TypeParam.
-#define TYPED_TEST_ON_BOTH(SimSuite, NodeSuite, Name)                                                                 \
+#define TYPED_TEST_ON_BOTH(SimSuite, NodeSuite, Name)                                                                  \
     template <class TypeParam, class Fixture>                                                                          \
-    void Name##OnBoth(Fixture& f);                                                                                    \
-    TYPED_TEST(SimSuite, Name) { Name##OnBoth<TypeParam>(*this); }                                                    \
-    TYPED_TEST(NodeSuite, Name) { Name##OnBoth<TypeParam>(*this); }                                                   \
+    void Name##OnBoth(Fixture& f);                                                                                     \
+    TYPED_TEST(SimSuite, Name) { Name##OnBoth<TypeParam>(*this); }                                                     \
+    TYPED_TEST(NodeSuite, Name) { Name##OnBoth<TypeParam>(*this); }                                                    \
     template <class TypeParam, class Fixture>                                                                          \
     void Name##OnBoth(Fixture& f)
 
 /// The same for a test of the suites SimSuite and NodeSuite.
-#define TEST_ON_BOTH(SimSuite, NodeSuite, Name)                                                                       \
+#define TEST_ON_BOTH(SimSuite, NodeSuite, Name)                                                                        \
     template <class Fixture>                                                                                           \
-    void Name##OnBoth(Fixture& f);                                                                                    \
-    TEST_F(SimSuite, Name) { Name##OnBoth(*this); }                                                                   \
-    TEST_F(NodeSuite, Name) { Name##OnBoth(*this); }                                                                  \
+    void Name##OnBoth(Fixture& f);                                                                                     \
+    TEST_F(SimSuite, Name) { Name##OnBoth(*this); }                                                                    \
+    TEST_F(NodeSuite, Name) { Name##OnBoth(*this); }                                                                   \
     template <class Fixture>                                                                                           \
     void Name##OnBoth(Fixture& f)

@@ -273,11 +273,12 @@ TEST_F(M2ctlOnSimulator, call_sends_the_parsed_arguments_sync_and_async_and_call
 
 TEST_F(M2ctlOnSimulator, map_moves_pub_sub_call_and_tour_to_other_nodes_and_a_bad_map_is_one_line) {
     // Two entities moved to nodes of the same shape, the rest left out; the endpoint from the map.
-    const std::string map = writeFile("device.json", "{\"endpoint\": \"" + simulator->endpoint() +
-                                                         "\",\n \"types\": {\"M2Uint16Value0\": \"ns=1;s=M2Uint16Scalar\"},\n"
-                                                         " \"interfaces\": {\"PsRpcSetpower\": {\"object\": "
-                                                         "\"ns=1;s=WhRpcSetpower\", \"method\": "
-                                                         "\"ns=1;s=WhRpcSetpower.RPC_SetPower\"}}}");
+    const std::string map =
+        writeFile("device.json", "{\"endpoint\": \"" + simulator->endpoint() +
+                                     "\",\n \"types\": {\"M2Uint16Value0\": \"ns=1;s=M2Uint16Scalar\"},\n"
+                                     " \"interfaces\": {\"PsRpcSetpower\": {\"object\": "
+                                     "\"ns=1;s=WhRpcSetpower\", \"method\": "
+                                     "\"ns=1;s=WhRpcSetpower.RPC_SetPower\"}}}");
     Outcome o = run({"pub", "M2Uint16Value0", "4321", "--map", map});
     ASSERT_EQ(o.code, 0) << o.err;
     EXPECT_EQ(simulator->read("M2Uint16Scalar").at<UA_UInt16>(), 4321);
@@ -331,11 +332,13 @@ TEST_F(M2ctlOnSimulator, check_conforms_and_names_each_planted_fault) {
     EXPECT_EQ(o.code, 1);
     EXPECT_EQ(lineOf(o.out, "M2FloatVector6"),
               "type      M2FloatVector6                 mismatch: DataType expected Float found Double");
-    EXPECT_EQ(lineOf(o.out, "M2Int32Value0"),
-              "type      M2Int32Value0                  mismatch: AccessLevel expected readable, writable found readable");
-    EXPECT_EQ(lineOf(o.out, "OpRpcSystemBuiltInTest"),
-              "interface OpRpcSystemBuiltInTest         mismatch: InputArguments expected 3 (Byte, Int16, Int16) found 2 "
-              "(Byte, Int16)");
+    EXPECT_EQ(
+        lineOf(o.out, "M2Int32Value0"),
+        "type      M2Int32Value0                  mismatch: AccessLevel expected readable, writable found readable");
+    EXPECT_EQ(
+        lineOf(o.out, "OpRpcSystemBuiltInTest"),
+        "interface OpRpcSystemBuiltInTest         mismatch: InputArguments expected 3 (Byte, Int16, Int16) found 2 "
+        "(Byte, Int16)");
     EXPECT_NE(lineOf(o.out, "M2FloatVector8").find(" ok"), std::string::npos) << o.out;
     EXPECT_NE(o.out.find("44 of 47 conform (3 mismatch, 0 missing)"), std::string::npos) << o.out;
     expectOneErrorLine(o, "3 of 47 do not conform: M2FloatVector6, M2Int32Value0, OpRpcSystemBuiltInTest");
@@ -363,10 +366,13 @@ TEST(MiddlewareLogging, without_a_set_up_warnings_and_errors_go_to_stderr_in_one
     // A file named by DUVO_LOG_CONFIG replaces the default; one that cannot be read is said once.
     const std::string logFile = ::testing::TempDir() + "probe.log";
     std::remove(logFile.c_str());
-    const std::string config = writeFile("probe.properties", "log4cplus.logger.orsa=ERROR, F\n"
-                                                             "log4cplus.appender.F=log4cplus::FileAppender\n"
-                                                             "log4cplus.appender.F.File=" + logFile + "\n"
-                                                             "log4cplus.appender.F.layout=log4cplus::SimpleLayout\n");
+    const std::string config =
+        writeFile("probe.properties", "log4cplus.logger.orsa=ERROR, F\n"
+                                      "log4cplus.appender.F=log4cplus::FileAppender\n"
+                                      "log4cplus.appender.F.File=" +
+                                          logFile +
+                                          "\n"
+                                          "log4cplus.appender.F.layout=log4cplus::SimpleLayout\n");
     o = probe({"DUVO_LOG_CONFIG=" + config});
     EXPECT_EQ(o.err, "");
     std::stringstream logged;
@@ -384,10 +390,13 @@ TEST(MiddlewareLogging, without_a_set_up_warnings_and_errors_go_to_stderr_in_one
     // m2ctl --log-config: the middleware's TRACE lines where the file says.
     const std::string traceFile = ::testing::TempDir() + "m2ctl.log";
     std::remove(traceFile.c_str());
-    const std::string trace = writeFile("trace.properties", "log4cplus.logger.orsa=TRACE, F\n"
-                                                            "log4cplus.appender.F=log4cplus::FileAppender\n"
-                                                            "log4cplus.appender.F.File=" + traceFile + "\n"
-                                                            "log4cplus.appender.F.layout=log4cplus::SimpleLayout\n");
+    const std::string trace =
+        writeFile("trace.properties", "log4cplus.logger.orsa=TRACE, F\n"
+                                      "log4cplus.appender.F=log4cplus::FileAppender\n"
+                                      "log4cplus.appender.F.File=" +
+                                          traceFile +
+                                          "\n"
+                                          "log4cplus.appender.F.layout=log4cplus::SimpleLayout\n");
     o = run({"sub", "M2Int32Value0", "--endpoint", "opc.tcp://127.0.0.1:1", "--timeout", "100", "--log-config", trace});
     EXPECT_EQ(o.code, 1);
     std::stringstream traced;
@@ -429,8 +438,9 @@ TEST(M2ctlSecurity, an_untrusted_server_or_a_refused_user_is_one_line_and_no_pas
     vesk::duvo::sim::Simulator server(pki.serverOptions(vesk::duvo::sim::Options::Security::Secure));
     server.start();
     const std::string dir = pki.freshClientDir("m2ctl");
-    const std::vector<std::string> secure = {"--endpoint", server.endpoint(), "--security-mode", "SignAndEncrypt",
-                                             "--pki", dir, "--user", "operator", "--timeout", "1500"};
+    const std::vector<std::string> secure = {
+        "--endpoint", server.endpoint(), "--security-mode", "SignAndEncrypt", "--pki",
+        dir,          "--user",          "operator",        "--timeout",      "1500"};
     const auto with = [&](std::vector<std::string> args, std::vector<std::string> more = {}) {
         args.insert(args.end(), secure.begin(), secure.end());
         args.insert(args.end(), more.begin(), more.end());

@@ -56,9 +56,11 @@ std::atomic<long> writeRequests{0};
 } // namespace
 
 // Sees every request our client hands to open62541, then lets the stack send it.
-extern "C" UA_StatusCode __UA_Client_AsyncService(UA_Client* client, const void* request, const UA_DataType* requestType,
-                                                  UA_ClientAsyncServiceCallback callback, const UA_DataType* responseType,
-                                                  void* userdata, UA_UInt32* requestId) {
+extern "C" UA_StatusCode __UA_Client_AsyncService(UA_Client* client, const void* request,
+                                                  const UA_DataType* requestType,
+                                                  UA_ClientAsyncServiceCallback callback,
+                                                  const UA_DataType* responseType, void* userdata,
+                                                  UA_UInt32* requestId) {
     using Service = UA_StatusCode (*)(UA_Client*, const void*, const UA_DataType*, UA_ClientAsyncServiceCallback,
                                       const UA_DataType*, void*, UA_UInt32*);
     static const auto stack = reinterpret_cast<Service>(dlsym(RTLD_NEXT, "__UA_Client_AsyncService"));
@@ -104,11 +106,12 @@ protected:
     static inline duvo::test::Program* sim = nullptr;
     static inline std::string authority;
     const std::string uri = "opcua-ps://" + authority + "#ns=1;s=M2DoubleMatrix36";
-    std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo> duvo =
-        std::make_shared<vesk::duvo::opcua::detail::OpcUaDuvo>(vesk::duvo::Duvo::Properties{{"opc.ps.pollingPeriodMs", "0"}});
+    std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo> duvo = std::make_shared<vesk::duvo::opcua::detail::OpcUaDuvo>(
+        vesk::duvo::Duvo::Properties{{"opc.ps.pollingPeriodMs", "0"}});
 };
 
-TEST_F(ZeroCopy, publish_hands_the_applications_elements_to_the_encoder_with_at_most_two_allocations_and_they_arrive_whole) {
+TEST_F(ZeroCopy,
+       publish_hands_the_applications_elements_to_the_encoder_with_at_most_two_allocations_and_they_arrive_whole) {
     auto publisher = duvo->createPublisher<Matrix>(uri);
     auto sample = publisher->createDataEntity();
     const auto value = matrix(1.0);

@@ -87,7 +87,8 @@ class Activity {
 public:
     Activity(double rate, std::function<void()> step)
         : thread_([this, rate, step = std::move(step)] {
-              const auto period = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / rate));
+              const auto period =
+                  std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / rate));
               auto next = Clock::now();
               while (!stop_.load()) {
                   step();
@@ -152,8 +153,8 @@ int run(const Settings& settings) {
     // Monitoring and polling are chosen by the middleware's properties: one middleware each.
     // The polling period is also each read's deadline, and a read that misses it is reported as
     // not alive: 200 ms keeps a busy machine's slow reads from counting as outages.
-    auto monitoring = std::make_shared<OpcUaDuvo>(OpcUaDuvo::Properties{{"opc.ps.pollingPeriodMs", "0"},
-                                                                       {"opc.asyncCallSubmitTimeoutMs", "500"}});
+    auto monitoring = std::make_shared<OpcUaDuvo>(
+        OpcUaDuvo::Properties{{"opc.ps.pollingPeriodMs", "0"}, {"opc.asyncCallSubmitTimeoutMs", "500"}});
     auto polling = std::make_shared<OpcUaDuvo>(
         OpcUaDuvo::Properties{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "200"}});
     const OpcUaDuvo::RrQoSList replyTime{std::make_shared<vesk::duvo::rr::qos::ReplyTime>(1000ms)};
@@ -163,9 +164,10 @@ int run(const Settings& settings) {
     auto monitored = monitoring->createSubscriber<m2Types::M2Int32Value0>(psUri("M2Int32Value0"));
     auto polled = polling->createSubscriber<m2Types::M2Int32Value0>(psUri("M2Int32Value0"));
     auto mostRecent = monitoring->createMrvSubscriber<m2Types::M2Int32Value0>(psUri("M2Int32Value0"));
-    auto syncCaller = monitoring->createClient<m2Types::PsRpcSetpowerSync>(rrUri("PsRpcSetpower", "RPC_SetPower"), replyTime);
-    auto asyncCaller =
-        monitoring->createClient<m2Types::WhRpcForceSetpointAsync>(rrUri("WhRpcForceSetpoint", "RPC_ForceSetpoint"), replyTime);
+    auto syncCaller =
+        monitoring->createClient<m2Types::PsRpcSetpowerSync>(rrUri("PsRpcSetpower", "RPC_SetPower"), replyTime);
+    auto asyncCaller = monitoring->createClient<m2Types::WhRpcForceSetpointAsync>(
+        rrUri("WhRpcForceSetpoint", "RPC_ForceSetpoint"), replyTime);
 
     Tally device("device writes"), vectors("publish M2FloatVector6"), strings("publish M2StringVector15 (no wait)"),
         monitoredReads("monitored subscriber"), polledReads("polled subscriber"), mrvReads("most-recent value"),
@@ -201,10 +203,10 @@ int run(const Settings& settings) {
             sample->setValue0(std::vector<std::string>(15, "soak " + std::to_string(++i)));
             attempt(strings, [&] { stringPublisher->publish(*sample, 0ms); });
         }));
-        activities.push_back(
-            std::make_unique<Activity>(rate, [&] { attempt(monitoredReads, [&] { countEvents(*monitored, monitoredReads); }); }));
-        activities.push_back(
-            std::make_unique<Activity>(rate, [&] { attempt(polledReads, [&] { countEvents(*polled, polledReads); }); }));
+        activities.push_back(std::make_unique<Activity>(
+            rate, [&] { attempt(monitoredReads, [&] { countEvents(*monitored, monitoredReads); }); }));
+        activities.push_back(std::make_unique<Activity>(
+            rate, [&] { attempt(polledReads, [&] { countEvents(*polled, polledReads); }); }));
         activities.push_back(std::make_unique<Activity>(rate, [&] {
             attempt(mrvReads, [&] { mrvReads.samples += static_cast<long>(mostRecent->readMostRecent(0ms).size()); });
         }));
@@ -221,14 +223,18 @@ int run(const Settings& settings) {
             });
         }));
 
-        const auto end = start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(settings.durationS));
-        const auto restartEvery = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(settings.restartEveryS));
-        const auto reportEvery = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(settings.reportEveryS));
+        const auto end =
+            start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(settings.durationS));
+        const auto restartEvery =
+            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(settings.restartEveryS));
+        const auto reportEvery =
+            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(settings.reportEveryS));
         auto nextRestart = start + restartEvery;
         auto nextReport = start + reportEvery;
         while (!stopRequested.load() && Clock::now() < end) {
             const auto now = Clock::now();
-            if (settings.restartEveryS > 0 && now >= nextRestart && now + std::chrono::milliseconds(settings.outageMs) < end) {
+            if (settings.restartEveryS > 0 && now >= nextRestart &&
+                now + std::chrono::milliseconds(settings.outageMs) < end) {
                 simulator.stop();
                 std::this_thread::sleep_for(std::chrono::milliseconds(settings.outageMs));
                 simulator.start();
@@ -239,7 +245,8 @@ int run(const Settings& settings) {
                 const long ops = vectors.done + strings.done + monitoredReads.done + polledReads.done + mrvReads.done +
                                  syncCalls.done + asyncCalls.done;
                 const long failures = vectors.failures + strings.failures + monitoredReads.failures +
-                                      polledReads.failures + mrvReads.failures + syncCalls.failures + asyncCalls.failures;
+                                      polledReads.failures + mrvReads.failures + syncCalls.failures +
+                                      asyncCalls.failures;
                 std::printf("  %5.0f s: %ld operations, %ld failed, %ld restarts, resident %.1f MiB\n",
                             std::chrono::duration<double>(now - start).count(), ops, failures, restarts.load(),
                             residentKiB() / 1024.0);
@@ -312,15 +319,17 @@ int main(int argc, char** argv) {
         "embedded m2Types simulator that it restarts periodically; prints operations, failures, restarts and\n"
         "resident memory. Exits 1 when data stopped flowing or an outage went unreported.\n\nOptions");
     options.add_options()("help,h", "this text")(
-        "duration,d", po::value<double>(&settings.durationS)->default_value(600)->value_name("SECONDS"), "how long to run")(
-        "restart-every,r", po::value<double>(&settings.restartEveryS)->default_value(30)->value_name("SECONDS"),
-        "stop and restart the server this often, 0 never")(
+        "duration,d", po::value<double>(&settings.durationS)->default_value(600)->value_name("SECONDS"),
+        "how long to run")("restart-every,r",
+                           po::value<double>(&settings.restartEveryS)->default_value(30)->value_name("SECONDS"),
+                           "stop and restart the server this often, 0 never")(
         "outage,o", po::value<long>(&settings.outageMs)->default_value(1000)->value_name("MS"),
-        "how long the server stays away")(
-        "rate", po::value<double>(&settings.rate)->default_value(50)->value_name("N"), "operations per second per activity")(
+        "how long the server stays away")("rate", po::value<double>(&settings.rate)->default_value(50)->value_name("N"),
+                                          "operations per second per activity")(
         "report-every", po::value<double>(&settings.reportEveryS)->default_value(60)->value_name("SECONDS"),
-        "print a progress line this often")(
-        "port,p", po::value<std::uint16_t>(&settings.port)->default_value(0)->value_name("N"), "simulator port, 0 for a free one");
+        "print a progress line this often")("port,p",
+                                            po::value<std::uint16_t>(&settings.port)->default_value(0)->value_name("N"),
+                                            "simulator port, 0 for a free one");
     try {
         po::variables_map vm;
         po::store(po::parse_command_line(argc, argv, options), vm);

@@ -20,16 +20,16 @@ struct Tag {
 };
 
 /// One row of the interface catalogue: its classes, its parameter types and its method.
-#define M2CTL_INTERFACE_ROW(Iface, Method, ...)               \
-    struct Iface##Row {                                       \
-        using Methods = m2Types::Iface;                       \
-        using Sync = m2Types::Iface##Sync;                    \
-        using Async = m2Types::Iface##Async;                  \
-        using Params = m2Types::TypeList<__VA_ARGS__>;        \
-        template <class Stub, class... Args>                  \
-        static auto invoke(Stub& stub, const Args&... args) { \
-            return stub.RPC_##Method(args...);                \
-        }                                                     \
+#define M2CTL_INTERFACE_ROW(Iface, Method, ...)                                                                        \
+    struct Iface##Row {                                                                                                \
+        using Methods = m2Types::Iface;                                                                                \
+        using Sync = m2Types::Iface##Sync;                                                                             \
+        using Async = m2Types::Iface##Async;                                                                           \
+        using Params = m2Types::TypeList<__VA_ARGS__>;                                                                 \
+        template <class Stub, class... Args>                                                                           \
+        static auto invoke(Stub& stub, const Args&... args) {                                                          \
+            return stub.RPC_##Method(args...);                                                                         \
+        }                                                                                                              \
     };
 M2TYPES_INTERFACE_CATALOGUE(M2CTL_INTERFACE_ROW)
 #undef M2CTL_INTERFACE_ROW

@@ -183,15 +183,24 @@ struct CheckRow {
 
 std::string className(UA_NodeClass c) {
     switch (c) {
-    case UA_NODECLASS_OBJECT: return "Object";
-    case UA_NODECLASS_VARIABLE: return "Variable";
-    case UA_NODECLASS_METHOD: return "Method";
-    case UA_NODECLASS_OBJECTTYPE: return "ObjectType";
-    case UA_NODECLASS_VARIABLETYPE: return "VariableType";
-    case UA_NODECLASS_REFERENCETYPE: return "ReferenceType";
-    case UA_NODECLASS_DATATYPE: return "DataType";
-    case UA_NODECLASS_VIEW: return "View";
-    default: return std::to_string(static_cast<int>(c));
+    case UA_NODECLASS_OBJECT:
+        return "Object";
+    case UA_NODECLASS_VARIABLE:
+        return "Variable";
+    case UA_NODECLASS_METHOD:
+        return "Method";
+    case UA_NODECLASS_OBJECTTYPE:
+        return "ObjectType";
+    case UA_NODECLASS_VARIABLETYPE:
+        return "VariableType";
+    case UA_NODECLASS_REFERENCETYPE:
+        return "ReferenceType";
+    case UA_NODECLASS_DATATYPE:
+        return "DataType";
+    case UA_NODECLASS_VIEW:
+        return "View";
+    default:
+        return std::to_string(static_cast<int>(c));
     }
 }
 
@@ -391,7 +400,8 @@ int checkCommand(int argc, char** argv) {
                     findings + "]}";
         }
         std::cout << "{\"endpoint\":" << inQuotes(endpoint) << ",\"rows\":[" << list
-                  << "\n],\"checked\":" << rows.size() << ",\"ok\":" << ok << ",\"mismatch\":" << mismatches << ",\"missing\":" << missing << "}\n";
+                  << "\n],\"checked\":" << rows.size() << ",\"ok\":" << ok << ",\"mismatch\":" << mismatches
+                  << ",\"missing\":" << missing << "}\n";
     } else {
         std::printf("%zu of %zu conform (%zu mismatch, %zu missing)\n", ok, rows.size(), mismatches, missing);
     }

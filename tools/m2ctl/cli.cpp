@@ -199,7 +199,8 @@ void addCommonOptions(po::options_description& options, Common& common, CommonOp
     }
     if (which.endpoint && which.security) {
         const auto property = [&common](const char* key) {
-            return po::value<std::string>()->notifier([&common, key](const std::string& v) { common.security[key] = v; });
+            return po::value<std::string>()->notifier(
+                [&common, key](const std::string& v) { common.security[key] = v; });
         };
         options.add_options()("security-mode", property("opc.security.mode")->value_name("MODE"),
                               "None (default), Sign or SignAndEncrypt")(
@@ -207,9 +208,9 @@ void addCommonOptions(po::options_description& options, Common& common, CommonOp
             "Basic256Sha256, Aes128_Sha256_RsaOaep or Aes256_Sha256_RsaPss (default: the strongest offered)")(
             "pki", property("opc.security.pkiDir")->value_name("DIR"),
             "PKI folder with own/, trusted/ and rejected/ (default: ~/.local/share/duvo-opcua/pki)")(
-            "user", property("opc.security.user")->value_name("NAME"), "log in as this user")(
-            "password-file", property("opc.security.passwordFile")->value_name("FILE"),
-            "file holding the user's password (default: DUVO_OPCUA_PASSWORD)")(
+            "user", property("opc.security.user")->value_name("NAME"),
+            "log in as this user")("password-file", property("opc.security.passwordFile")->value_name("FILE"),
+                                   "file holding the user's password (default: DUVO_OPCUA_PASSWORD)")(
             "trust-server", po::bool_switch(&common.trustServer),
             "print the server's certificate thumbprint and store it in the PKI's trusted/");
     }
@@ -329,9 +330,10 @@ void trustServer(const std::string& endpoint, const std::map<std::string, std::s
     if (rc == UA_STATUSCODE_GOOD) UA_Array_delete(endpoints, count, &UA_TYPES[UA_TYPES_ENDPOINTDESCRIPTION]);
     if (rc != UA_STATUSCODE_GOOD)
         throw std::runtime_error("cannot ask " + endpoint + " for its certificate: " + UA_StatusCode_name(rc));
-    if (certificate.empty()) throw std::runtime_error(endpoint + " has no certificate to trust (it offers no security)");
-    const auto dir = security.count("opc.security.pkiDir") ? security.at("opc.security.pkiDir")
-                                                           : vesk::duvo::pki::defaultDir();
+    if (certificate.empty())
+        throw std::runtime_error(endpoint + " has no certificate to trust (it offers no security)");
+    const auto dir =
+        security.count("opc.security.pkiDir") ? security.at("opc.security.pkiDir") : vesk::duvo::pki::defaultDir();
     const std::string thumbprint = vesk::duvo::pki::thumbprint(certificate);
     const std::string path = dir + "/trusted/" + thumbprint + ".der";
     std::cerr << "trusting the certificate of " << endpoint << ", SHA-1 " << thumbprint << ", as " << path << std::endl;

@@ -53,8 +53,8 @@ int listCommand(int argc, char** argv) {
     if (!common.json)
         std::printf("\nInterfaces (%zu): object %s, method %s, one Boolean result,\n"
                     "URI opcua-rr://%s#OBJECT,METHOD\n%-30s %-29s %s\n",
-                    InterfaceRows::size, objectNodeId("INTERFACE").c_str(),
-                    methodNodeId("INTERFACE", "METHOD").c_str(), authority.c_str(), "INTERFACE", "METHOD", "ARGUMENTS");
+                    InterfaceRows::size, objectNodeId("INTERFACE").c_str(), methodNodeId("INTERFACE", "METHOD").c_str(),
+                    authority.c_str(), "INTERFACE", "METHOD", "ARGUMENTS");
     forEach(InterfaceRows{}, [&](auto tag) {
         using Row = typename decltype(tag)::type;
         const char* name = Row::Methods::interfaceName;

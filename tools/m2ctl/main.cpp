@@ -59,8 +59,8 @@ int run(int argc, char** argv) {
     }
     using Command = int (*)(int, char**);
     static const std::pair<const char*, Command> commands[] = {
-        {"list", &m2ctl::listCommand}, {"pub", &m2ctl::pubCommand}, {"sub", &m2ctl::subCommand},
-        {"call", &m2ctl::callCommand}, {"sim", &m2ctl::simCommand}, {"tour", &m2ctl::tourCommand},
+        {"list", &m2ctl::listCommand},   {"pub", &m2ctl::pubCommand}, {"sub", &m2ctl::subCommand},
+        {"call", &m2ctl::callCommand},   {"sim", &m2ctl::simCommand}, {"tour", &m2ctl::tourCommand},
         {"check", &m2ctl::checkCommand},
     };
     for (const auto& [name, function] : commands)

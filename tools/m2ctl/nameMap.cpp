@@ -40,8 +40,8 @@ public:
 
 private:
     void blanks() {
-        while (at_ < text_.size() && (text_[at_] == ' ' || text_[at_] == '\t' || text_[at_] == '\r' ||
-                                      text_[at_] == '\n')) {
+        while (at_ < text_.size() &&
+               (text_[at_] == ' ' || text_[at_] == '\t' || text_[at_] == '\r' || text_[at_] == '\n')) {
             if (text_[at_] == '\n') ++line_;
             ++at_;
         }
@@ -94,10 +94,14 @@ private:
         for (int i = 0; i < 4; ++i) {
             const char c = text_[at_++];
             v <<= 4;
-            if (c >= '0' && c <= '9') v |= unsigned(c - '0');
-            else if (c >= 'a' && c <= 'f') v |= unsigned(c - 'a' + 10);
-            else if (c >= 'A' && c <= 'F') v |= unsigned(c - 'A' + 10);
-            else fail("bad \\u escape");
+            if (c >= '0' && c <= '9')
+                v |= unsigned(c - '0');
+            else if (c >= 'a' && c <= 'f')
+                v |= unsigned(c - 'a' + 10);
+            else if (c >= 'A' && c <= 'F')
+                v |= unsigned(c - 'A' + 10);
+            else
+                fail("bad \\u escape");
         }
         return v;
     }
@@ -117,14 +121,30 @@ private:
             if (at_ >= text_.size()) fail("a string without its closing quote");
             const char e = text_[at_++];
             switch (e) {
-            case '"': out += '"'; break;
-            case '\\': out += '\\'; break;
-            case '/': out += '/'; break;
-            case 'b': out += '\b'; break;
-            case 'f': out += '\f'; break;
-            case 'n': out += '\n'; break;
-            case 'r': out += '\r'; break;
-            case 't': out += '\t'; break;
+            case '"':
+                out += '"';
+                break;
+            case '\\':
+                out += '\\';
+                break;
+            case '/':
+                out += '/';
+                break;
+            case 'b':
+                out += '\b';
+                break;
+            case 'f':
+                out += '\f';
+                break;
+            case 'n':
+                out += '\n';
+                break;
+            case 'r':
+                out += '\r';
+                break;
+            case 't':
+                out += '\t';
+                break;
             case 'u': {
                 unsigned cp = hex4();
                 if (cp >= 0xD800 && cp < 0xDC00) {
@@ -140,7 +160,8 @@ private:
                 utf8(cp, out);
                 break;
             }
-            default: fail(std::string("bad escape \\") + e);
+            default:
+                fail(std::string("bad escape \\") + e);
             }
         }
     }
@@ -227,9 +248,12 @@ NameMap loadNameMap(const std::string& file) {
                 if (!nodes.object) throw bad(at, "expected {\"object\": NODE ID, \"method\": NODE ID}");
                 MethodNodes m;
                 for (const auto& [part, id] : nodes.members) {
-                    if (part == "object") m.object = nodeId(at + ".object", id);
-                    else if (part == "method") m.method = nodeId(at + ".method", id);
-                    else throw bad(at + "." + part, "unknown key (expected object and method)");
+                    if (part == "object")
+                        m.object = nodeId(at + ".object", id);
+                    else if (part == "method")
+                        m.method = nodeId(at + ".method", id);
+                    else
+                        throw bad(at + "." + part, "unknown key (expected object and method)");
                 }
                 if (m.object.empty()) throw bad(at + ".object", "missing");
                 if (m.method.empty()) throw bad(at + ".method", "missing");
@@ -246,8 +270,8 @@ std::string simulatorMap(const std::string& endpoint) {
     std::string types, interfaces;
     forEach(DataTypes{}, [&](auto tag) {
         const std::string name = entityName<typename decltype(tag)::type>();
-        types += std::string(types.empty() ? "" : ",") + "\n    " + inQuotes(name) + ": " +
-                 inQuotes(variableNodeId(name));
+        types +=
+            std::string(types.empty() ? "" : ",") + "\n    " + inQuotes(name) + ": " + inQuotes(variableNodeId(name));
     });
     forEach(InterfaceRows{}, [&](auto tag) {
         using Row = typename decltype(tag)::type;

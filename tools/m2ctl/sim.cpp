@@ -38,9 +38,12 @@ int simCommand(int argc, char** argv) {
     if (!line.args.empty()) throw UsageError("sim takes no arguments, got " + inQuotes(line.args[0]));
     // The stack's start-up warnings about its default configuration are expected here.
     sim.logLevel = line.vm.count("verbose") ? UA_LOGLEVEL_INFO : UA_LOGLEVEL_ERROR;
-    if (security == "secure") sim.security = vesk::duvo::sim::Options::Security::Secure;
-    else if (security == "both") sim.security = vesk::duvo::sim::Options::Security::Both;
-    else if (security != "none") throw UsageError("--security is none, secure or both, not " + inQuotes(security));
+    if (security == "secure")
+        sim.security = vesk::duvo::sim::Options::Security::Secure;
+    else if (security == "both")
+        sim.security = vesk::duvo::sim::Options::Security::Both;
+    else if (security != "none")
+        throw UsageError("--security is none, secure or both, not " + inQuotes(security));
     if (sim.security != vesk::duvo::sim::Options::Security::None && sim.pkiDir.empty())
         sim.pkiDir = vesk::duvo::pki::defaultDir() + "/../m2-sim-pki";
 

@@ -82,8 +82,8 @@ TourRow tourType(const Tour& tour) {
         for (;;) {
             const auto received = nextValue(*subscriber, start + timeout);
             if (!received)
-                throw std::runtime_error(withLastProblem("published value not received within " +
-                                                         std::to_string(timeout.count()) + " ms"));
+                throw std::runtime_error(
+                    withLastProblem("published value not received within " + std::to_string(timeout.count()) + " ms"));
             if (*received == value) break;
         }
         row.ms = elapsedMs(start);
@@ -224,9 +224,9 @@ int tourCommand(int argc, char** argv) {
         for (const auto& row : rows) list += (list.empty() ? "" : ",") + jsonRow(row);
         std::cout << "{\"endpoint\":" << inQuotes(tour.common.endpoint)
                   << ",\"embeddedSimulator\":" << (simulator ? "true" : "false") << ",\"plugin\":" << inQuotes(plugin)
-                  << ",\"rows\":[" << list << "\n],\"types\":" << types
-                  << ",\"interfaces\":" << rows.size() - types << ",\"passed\":" << passed
-                  << ",\"failed\":" << rows.size() - passed << ",\"ms\":" << msText(totalMs) << "}\n";
+                  << ",\"rows\":[" << list << "\n],\"types\":" << types << ",\"interfaces\":" << rows.size() - types
+                  << ",\"passed\":" << passed << ",\"failed\":" << rows.size() - passed << ",\"ms\":" << msText(totalMs)
+                  << "}\n";
     } else {
         std::printf("%zu of %zu passed (%zu types published and read back, %zu interfaces called) in %s ms\n", passed,
                     rows.size(), types, rows.size() - types, msText(totalMs).c_str());

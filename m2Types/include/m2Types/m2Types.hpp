@@ -63,7 +63,7 @@ using param_t = std::conditional_t<std::is_arithmetic_v<V>, V, const V&>;
 
 /// Numeric vectors can also swap their buffer with the application's.
 template <class Field>
-inline constexpr bool swappable_v = Field::isVector && std::is_arithmetic_v<typename Field::element_type>;
+inline constexpr bool swappable_v = Field::isVector&& std::is_arithmetic_v<typename Field::element_type>;
 
 /// The accessors of the one field, value0.
 template <class Self, class Field, bool Swappable = swappable_v<Field>>
@@ -100,53 +100,53 @@ public:
 } // namespace detail
 
 // The "/** */" comments expand with each class, for the API reference.
-#define M2TYPES_DECLARE_TYPE(Name, Shape, Element, Nominal)                    \
-    /** A data structure of the module: one field, value0. */                  \
-    class M2TYPES_API Name : public detail::Value0<Name, Shape<Element>> {     \
-    public:                                                                    \
-        /** The type's name, as the binding and the tools spell it. */         \
-        static constexpr const char* typeName = #Name;                         \
-        /** The vector length the interface intends (0 for a scalar). */       \
-        static constexpr std::size_t nominalLength = Nominal;                  \
-        ~Name() override;                                                      \
+#define M2TYPES_DECLARE_TYPE(Name, Shape, Element, Nominal)                                                            \
+    /** A data structure of the module: one field, value0. */                                                          \
+    class M2TYPES_API Name : public detail::Value0<Name, Shape<Element>> {                                             \
+    public:                                                                                                            \
+        /** The type's name, as the binding and the tools spell it. */                                                 \
+        static constexpr const char* typeName = #Name;                                                                 \
+        /** The vector length the interface intends (0 for a scalar). */                                               \
+        static constexpr std::size_t nominalLength = Nominal;                                                          \
+        ~Name() override;                                                                                              \
     };
 M2TYPES_DATA_CATALOGUE(M2TYPES_DECLARE_TYPE)
 #undef M2TYPES_DECLARE_TYPE
 
 // For each interface: the synchronous method set <I>, the asynchronous one Async<I>, and the
 // client interfaces <I>Sync and <I>Async.
-#define M2TYPES_DECLARE_INTERFACE(Iface, Method, ...)                                              \
-    /** An interface's synchronous methods (its Sync client implements them). */                   \
-    class M2TYPES_API Iface : public virtual vesk::duvo::rr::RrEntity {                            \
-    public:                                                                                        \
-        /** The interface's name, as the binding and the tools spell it. */                        \
-        static constexpr const char* interfaceName = #Iface;                                       \
-        /** The name of its one method. */                                                         \
-        static constexpr const char* methodName = "RPC_" #Method;                                  \
-        ~Iface() override;                                                                         \
-        /** Calls the method and returns its Boolean result. */                                    \
-        virtual bool RPC_##Method(M2TYPES_PARAMS(__VA_ARGS__)) = 0;                                \
-    };                                                                                             \
-    /** An interface's asynchronous methods (its Async client implements them). */                 \
-    class M2TYPES_API Async##Iface : public virtual vesk::duvo::rr::RrEntity {                     \
-    public:                                                                                        \
-        ~Async##Iface() override;                                                                  \
-        /** Calls the method; the future holds its Boolean result. */                              \
-        virtual boost::future<bool> RPC_##Method(M2TYPES_PARAMS(__VA_ARGS__)) = 0;                 \
-    };                                                                                             \
-    /** The synchronous client of an interface. */                                                 \
-    class M2TYPES_API Iface##Sync : public virtual Iface, public virtual vesk::duvo::rr::ClientRrEntity { \
-    public:                                                                                        \
-        /** The client's name: the interface's followed by Sync. */                                \
-        static constexpr const char* clientName = #Iface "Sync";                                   \
-        ~Iface##Sync() override;                                                                   \
-    };                                                                                             \
-    /** The asynchronous client of an interface. */                                                \
-    class M2TYPES_API Iface##Async : public virtual Async##Iface, public virtual vesk::duvo::rr::ClientRrEntity { \
-    public:                                                                                        \
-        /** The client's name: the interface's followed by Async. */                               \
-        static constexpr const char* clientName = #Iface "Async";                                  \
-        ~Iface##Async() override;                                                                  \
+#define M2TYPES_DECLARE_INTERFACE(Iface, Method, ...)                                                                  \
+    /** An interface's synchronous methods (its Sync client implements them). */                                       \
+    class M2TYPES_API Iface : public virtual vesk::duvo::rr::RrEntity {                                                \
+    public:                                                                                                            \
+        /** The interface's name, as the binding and the tools spell it. */                                            \
+        static constexpr const char* interfaceName = #Iface;                                                           \
+        /** The name of its one method. */                                                                             \
+        static constexpr const char* methodName = "RPC_" #Method;                                                      \
+        ~Iface() override;                                                                                             \
+        /** Calls the method and returns its Boolean result. */                                                        \
+        virtual bool RPC_##Method(M2TYPES_PARAMS(__VA_ARGS__)) = 0;                                                    \
+    };                                                                                                                 \
+    /** An interface's asynchronous methods (its Async client implements them). */                                     \
+    class M2TYPES_API Async##Iface : public virtual vesk::duvo::rr::RrEntity {                                         \
+    public:                                                                                                            \
+        ~Async##Iface() override;                                                                                      \
+        /** Calls the method; the future holds its Boolean result. */                                                  \
+        virtual boost::future<bool> RPC_##Method(M2TYPES_PARAMS(__VA_ARGS__)) = 0;                                     \
+    };                                                                                                                 \
+    /** The synchronous client of an interface. */                                                                     \
+    class M2TYPES_API Iface##Sync : public virtual Iface, public virtual vesk::duvo::rr::ClientRrEntity {              \
+    public:                                                                                                            \
+        /** The client's name: the interface's followed by Sync. */                                                    \
+        static constexpr const char* clientName = #Iface "Sync";                                                       \
+        ~Iface##Sync() override;                                                                                       \
+    };                                                                                                                 \
+    /** The asynchronous client of an interface. */                                                                    \
+    class M2TYPES_API Iface##Async : public virtual Async##Iface, public virtual vesk::duvo::rr::ClientRrEntity {      \
+    public:                                                                                                            \
+        /** The client's name: the interface's followed by Async. */                                                   \
+        static constexpr const char* clientName = #Iface "Async";                                                      \
+        ~Iface##Async() override;                                                                                      \
     };
 M2TYPES_INTERFACE_CATALOGUE(M2TYPES_DECLARE_INTERFACE)
 #undef M2TYPES_DECLARE_INTERFACE

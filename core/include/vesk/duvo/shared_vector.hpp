@@ -124,8 +124,7 @@ public:
     /// An empty vector without a buffer.
     shared_vector() = default;
     /// n copies of value in a new buffer.
-    explicit shared_vector(size_type n, const E& value = E())
-        : base(n ? base::allocate(n) : nullptr, 0, n, n) {
+    explicit shared_vector(size_type n, const E& value = E()) : base(n ? base::allocate(n) : nullptr, 0, n, n) {
         std::fill_n(data(), n, value);
     }
     /// The given elements in a new buffer.

@@ -18,9 +18,8 @@ DataEventPredicate::~DataEventPredicate() = default;
 namespace {
 
 /// The first synchronous subscription whose filter selects the event, or none.
-std::shared_ptr<SyncSubscriptionEntry> findSyncSubscription(const SampleOps& ops,
-                                                            const SyncSubscriptionMap& subscriptions,
-                                                            const EventCore& event) {
+std::shared_ptr<SyncSubscriptionEntry>
+findSyncSubscription(const SampleOps& ops, const SyncSubscriptionMap& subscriptions, const EventCore& event) {
     for (const auto& entry : subscriptions)
         if (matches(ops, event, entry.second->filter)) return entry.second;
     return nullptr;
@@ -34,7 +33,8 @@ bool filterIntersect(const std::set<InstanceEvent>& a, const std::set<InstanceEv
 /// A filter that selects every event of every instance. An empty event set means all events.
 bool selectsEverything(const FilterCore& f) {
     return f.instance == nullptr && f.state == InstanceState::Any &&
-           (f.events.empty() || f.events == std::set<InstanceEvent>{InstanceAppeared, InstanceUpdated, InstanceNotAlive});
+           (f.events.empty() ||
+            f.events == std::set<InstanceEvent>{InstanceAppeared, InstanceUpdated, InstanceNotAlive});
 }
 
 } // namespace
@@ -105,7 +105,8 @@ bool filtersOverlap(const SampleOps& ops, const FilterCore& a, const FilterCore&
     if (selectsEverything(a) || selectsEverything(b)) return true;
     const void* ia = a.instance.get();
     const void* ib = b.instance.get();
-    const bool sameInstance = (ia == nullptr && ib == nullptr) || (ia != nullptr && ib != nullptr && ops.keyEquals(ia, ib));
+    const bool sameInstance =
+        (ia == nullptr && ib == nullptr) || (ia != nullptr && ib != nullptr && ops.keyEquals(ia, ib));
     const auto sa = a.state;
     const auto sb = b.state;
     const bool sameState = sa == sb || sa == InstanceState::Any || sb == InstanceState::Any;

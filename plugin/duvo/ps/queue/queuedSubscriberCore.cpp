@@ -74,8 +74,7 @@ private:
     bool owned_ = false;
 };
 
-QueuedSubscriberCore::QueuedSubscriberCore(const SampleOps& ops, const QoSList& qos,
-                                           const QueueCapacities& capacities)
+QueuedSubscriberCore::QueuedSubscriberCore(const SampleOps& ops, const QoSList& qos, const QueueCapacities& capacities)
     : logger_(log4cplus::Logger::getInstance("orsa.duvo.opcua.subscriber")), ops_(ops),
       instanceQueueCapacity_(capacities.instance), queueCapacity_(capacities.queue),
       instances_(0, KeyPtrHash{&ops}, KeyPtrEqual{&ops}) {
@@ -182,8 +181,8 @@ unsigned long QueuedSubscriberCore::poll(unsigned long maxCount, const std::chro
         internalReadQueue(scan);
         if (!countReached(waiter->count.load(), maxCount) && timeout.count() != 0) {
             key = util::newUUID();
-            predicates_.emplace(key,
-                                std::make_shared<DataEventPredicatePollListener>(ops_, syncSubscriptions_, waiter, maxCount));
+            predicates_.emplace(
+                key, std::make_shared<DataEventPredicatePollListener>(ops_, syncSubscriptions_, waiter, maxCount));
         }
     }
 
@@ -245,7 +244,8 @@ void QueuedSubscriberCore::readDataEvents(const FilterCore& filter, EventsOut& o
         if (countReached(waiter->count.load(), maxCount) || timeout.count() == 0) return;
         key = util::newUUID();
         // The filter's instance is the caller's: the listener leaves before this returns.
-        predicates_.emplace(key, std::make_shared<DataEventPredicateReadEventsListener>(ops_, filter, waiter, maxCount));
+        predicates_.emplace(key,
+                            std::make_shared<DataEventPredicateReadEventsListener>(ops_, filter, waiter, maxCount));
     }
     {
         std::unique_lock<std::mutex> lock(waiter->mutex);

@@ -35,4 +35,3 @@ Delegator* createDelegated(const std::string& uri, const PsQoS& qos, const Prope
 }
 
 } // namespace generated::opcua::m2Types::entry
-

@@ -10,17 +10,16 @@ M2TYPES_DATA_CATALOGUE(DUVO_INSTANTIATE_TRAITS)
 
 using namespace generated::opcua::m2Types::entry;
 
-#define DUVO_DATA_ENTRY_POINTS(Name, ...)                                                                           \
-    DUVO_EXPORT ::m2Types::Name* generated_opcua_DataEntity_m2Types_##Name() {                                      \
-        return new generated::opcua::m2Types::Name();                                                               \
-    }                                                                                                               \
-    DUVO_EXPORT vesk::duvo::ps::Publisher<::m2Types::Name>* generated_opcua_Publisher_m2Types_##Name(               \
-        const std::string& uri, const PsQoS& qos, const Properties& properties, const Middleware& middleware) {     \
-        using namespace vesk::duvo::opcua::detail::ps;                                                              \
-        return createDelegated<OpcUaPublisherDelegator<::m2Types::Name, generated::opcua::m2Types::Name>,           \
-                               OpcUaPublisher<::m2Types::Name, generated::opcua::m2Types::Name>>(uri, qos,          \
-                                                                                                  properties,       \
-                                                                                                  middleware);      \
+#define DUVO_DATA_ENTRY_POINTS(Name, ...)                                                                              \
+    DUVO_EXPORT ::m2Types::Name* generated_opcua_DataEntity_m2Types_##Name() {                                         \
+        return new generated::opcua::m2Types::Name();                                                                  \
+    }                                                                                                                  \
+    DUVO_EXPORT vesk::duvo::ps::Publisher<::m2Types::Name>* generated_opcua_Publisher_m2Types_##Name(                  \
+        const std::string& uri, const PsQoS& qos, const Properties& properties, const Middleware& middleware) {        \
+        using namespace vesk::duvo::opcua::detail::ps;                                                                 \
+        return createDelegated<OpcUaPublisherDelegator<::m2Types::Name, generated::opcua::m2Types::Name>,              \
+                               OpcUaPublisher<::m2Types::Name, generated::opcua::m2Types::Name>>(uri, qos, properties, \
+                                                                                                 middleware);          \
     }
 M2TYPES_DATA_CATALOGUE(DUVO_DATA_ENTRY_POINTS)
 #undef DUVO_DATA_ENTRY_POINTS

@@ -178,8 +178,8 @@ public:
         UA_CallRequest_init(&request);
         request.methodsToCall = requests;
         request.methodsToCallSize = count;
-        submit(makePending<UA_CallResponse>(&UA_TYPES[UA_TYPES_CALLREQUEST], std::move(done)), &request,
-               submitDeadline, Clock::time_point::max(), replyTimeMs > 0 ? replyTimeMs : 0);
+        submit(makePending<UA_CallResponse>(&UA_TYPES[UA_TYPES_CALLREQUEST], std::move(done)), &request, submitDeadline,
+               Clock::time_point::max(), replyTimeMs > 0 ? replyTimeMs : 0);
     }
 
     /// The I/O context run by the client's second thread.

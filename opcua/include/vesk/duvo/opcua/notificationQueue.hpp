@@ -25,8 +25,8 @@ public:
         explicit Entry(Callback c) : callback(std::move(c)) {}
         Callback callback;
         std::atomic<bool> removed{false};
-        std::mutex callMutex;                    // held while the callback runs
-        std::atomic<std::thread::id> caller{};   // the thread running the callback
+        std::mutex callMutex;                  // held while the callback runs
+        std::atomic<std::thread::id> caller{}; // the thread running the callback
     };
 
 private:
@@ -66,7 +66,8 @@ public:
             }
             entry_->removed.store(true);
             // Inside the callback itself: it finishes on its own, waiting would deadlock.
-            if (entry_->caller.load() != std::this_thread::get_id()) std::lock_guard<std::mutex> wait(entry_->callMutex);
+            if (entry_->caller.load() != std::this_thread::get_id())
+                std::lock_guard<std::mutex> wait(entry_->callMutex);
             entry_.reset();
             queue_.reset();
             if (queue && queue->onRemoved) queue->onRemoved();
@@ -134,7 +135,8 @@ private:
     std::vector<std::shared_ptr<Entry>> dropRemoved() {
         std::vector<std::shared_ptr<Entry>> removed;
         auto& entries = shared_->entries;
-        const auto end = std::stable_partition(entries.begin(), entries.end(), [](const auto& e) { return !e->removed.load(); });
+        const auto end =
+            std::stable_partition(entries.begin(), entries.end(), [](const auto& e) { return !e->removed.load(); });
         removed.assign(std::make_move_iterator(end), std::make_move_iterator(entries.end()));
         entries.erase(end, entries.end());
         shared_->registrationsRemoved = false;

@@ -50,7 +50,8 @@ public:
     /// security properties it lacks come from this instance's);
     /// a later call whose security properties differ throws std::runtime_error naming the
     /// first such property. Thread-safe.
-    std::shared_ptr<OpcUaClient> getClient(const std::string& endpoint, const std::map<std::string, std::string>& properties);
+    std::shared_ptr<OpcUaClient> getClient(const std::string& endpoint,
+                                           const std::map<std::string, std::string>& properties);
 
     /// The module's plug-in, loaded on first use (once; a failed load is retried on the next
     /// use). Throws the loader's std::runtime_error when it cannot be found or loaded.
@@ -84,7 +85,7 @@ public:
     /// A most-recent-value subscriber of T to the variables of the opcua-ps URI.
     template <class T>
     std::unique_ptr<vesk::duvo::ps::MrvSubscriber<T>> createMrvSubscriber(const std::string& uri,
-                                                                         const PsQoSList& qos = {}) {
+                                                                          const PsQoSList& qos = {}) {
         return create<vesk::duvo::ps::MrvSubscriber<T>>("MrvSubscriber", T::typeName, uri, qos);
     }
 

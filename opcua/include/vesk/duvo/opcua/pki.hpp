@@ -25,9 +25,12 @@ namespace vesk::duvo::pki {
 /// data folder ($XDG_DATA_HOME, else ~/.local/share).
 inline std::string defaultDir() {
     std::string base;
-    if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) base = xdg;
-    else if (const char* home = std::getenv("HOME"); home && *home) base = std::string(home) + "/.local/share";
-    else base = ".";
+    if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg)
+        base = xdg;
+    else if (const char* home = std::getenv("HOME"); home && *home)
+        base = std::string(home) + "/.local/share";
+    else
+        base = ".";
     return base + "/duvo-opcua/pki";
 }
 
@@ -63,13 +66,20 @@ inline std::string toDer(const std::string& bytes) {
     for (auto i = bodyStart; i < bodyEnd; ++i) {
         const char c = bytes[i];
         int v;
-        if (c >= 'A' && c <= 'Z') v = c - 'A';
-        else if (c >= 'a' && c <= 'z') v = c - 'a' + 26;
-        else if (c >= '0' && c <= '9') v = c - '0' + 52;
-        else if (c == '+') v = 62;
-        else if (c == '/') v = 63;
-        else if (c == ':') return bytes; // an encrypted key's headers: left to the stack
-        else continue;
+        if (c >= 'A' && c <= 'Z')
+            v = c - 'A';
+        else if (c >= 'a' && c <= 'z')
+            v = c - 'a' + 26;
+        else if (c >= '0' && c <= '9')
+            v = c - '0' + 52;
+        else if (c == '+')
+            v = 62;
+        else if (c == '/')
+            v = 63;
+        else if (c == ':')
+            return bytes; // an encrypted key's headers: left to the stack
+        else
+            continue;
         acc = (acc << 6) | std::uint32_t(v);
         bits += 6;
         if (bits >= 8) {
@@ -98,10 +108,14 @@ inline std::string thumbprint(const std::string& der) {
         std::uint32_t a = h[0], b = h[1], c = h[2], d = h[3], e = h[4];
         for (int i = 0; i < 80; ++i) {
             std::uint32_t f, k;
-            if (i < 20) f = (b & c) | (~b & d), k = 0x5A827999;
-            else if (i < 40) f = b ^ c ^ d, k = 0x6ED9EBA1;
-            else if (i < 60) f = (b & c) | (b & d) | (c & d), k = 0x8F1BBCDC;
-            else f = b ^ c ^ d, k = 0xCA62C1D6;
+            if (i < 20)
+                f = (b & c) | (~b & d), k = 0x5A827999;
+            else if (i < 40)
+                f = b ^ c ^ d, k = 0x6ED9EBA1;
+            else if (i < 60)
+                f = (b & c) | (b & d) | (c & d), k = 0x8F1BBCDC;
+            else
+                f = b ^ c ^ d, k = 0xCA62C1D6;
             const std::uint32_t t = rol(a, 5) + f + e + k + w[i];
             e = d, d = c, c = rol(b, 30), b = a, a = t;
         }

@@ -75,8 +75,10 @@ struct Recycling {
         return static_cast<T*>(::operator new(n * sizeof(T)));
     }
     void deallocate(T* p, std::size_t n) noexcept {
-        if (n == 1) BlockPool<blockSize>::give(p);
-        else ::operator delete(p);
+        if (n == 1)
+            BlockPool<blockSize>::give(p);
+        else
+            ::operator delete(p);
     }
 
     template <class U>

@@ -67,14 +67,17 @@ struct PendingRequest {
     RequestFailure failure(const std::string& endpoint) const {
         const std::string statusName = UA_StatusCode_name(status);
         switch (outcome) {
-        case Outcome::Timeout: return {true, "timeout: no reply from " + endpoint + " before the deadline", false};
+        case Outcome::Timeout:
+            return {true, "timeout: no reply from " + endpoint + " before the deadline", false};
         case Outcome::NotConnected:
             if (why) return {false, "not connected: " + *why, true};
             return {false, "not connected: no session with " + endpoint + " before the deadline", true};
         case Outcome::ConnectionLost:
             return {false, "connection lost: " + statusName + " before the reply from " + endpoint, false};
-        case Outcome::ShutDown: return {false, "client shut down: " + endpoint, false};
-        default: return {false, "request failed: " + statusName + " for " + endpoint, false};
+        case Outcome::ShutDown:
+            return {false, "client shut down: " + endpoint, false};
+        default:
+            return {false, "request failed: " + statusName + " for " + endpoint, false};
         }
     }
 
@@ -116,8 +119,10 @@ template <class Resp>
 struct FulfilPromise {
     boost::promise<UaUnique<Resp>> promise{boost::allocator_arg, Recycling<char>()};
     void operator()(UaUnique<Resp> response, const RequestFailure* failure) {
-        if (failure != nullptr) promise.set_exception(failure->exception());
-        else promise.set_value(std::move(response));
+        if (failure != nullptr)
+            promise.set_exception(failure->exception());
+        else
+            promise.set_value(std::move(response));
     }
 };
 

@@ -9,11 +9,11 @@ namespace vesk::duvo::opcua::detail::binding {
 template <class E>
 struct UaTypeOf;
 
-#define DUVO_UA_TYPE_OF(E, INDEX)                                          \
-    template <>                                                            \
-    struct UaTypeOf<E> {                                                   \
-        static constexpr int index = INDEX;                                \
-        static const UA_DataType* type() noexcept { return &UA_TYPES[INDEX]; } \
+#define DUVO_UA_TYPE_OF(E, INDEX)                                                                                      \
+    template <>                                                                                                        \
+    struct UaTypeOf<E> {                                                                                               \
+        static constexpr int index = INDEX;                                                                            \
+        static const UA_DataType* type() noexcept { return &UA_TYPES[INDEX]; }                                         \
     };
 DUVO_UA_TYPE_OF(bool, UA_TYPES_BOOLEAN)
 DUVO_UA_TYPE_OF(signed char, UA_TYPES_SBYTE)

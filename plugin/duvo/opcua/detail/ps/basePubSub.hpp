@@ -34,11 +34,8 @@ public:
 
     OpcUaBasePubSub(const std::string& uri, const QoSList& qos, const Properties& properties,
                     const std::shared_ptr<OpcUaDuvo>& duvo)
-        : logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.internal")),
-          uri(uri),
-          qos(qos),
-          properties(properties),
-          duvo(duvo) {
+        : logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.internal")), uri(uri), qos(qos),
+          properties(properties), duvo(duvo) {
         if (!UriHelper::isPubSubUri(uri)) throw std::invalid_argument("URI is not publish/subscribe URI uri:" + uri);
         vesk::duvo::util::checkUri(uri, false, true);
         nodeIds = getNodeIds(uri);

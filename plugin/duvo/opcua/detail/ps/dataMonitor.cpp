@@ -18,7 +18,8 @@ DataMonitorCore::DataMonitorCore(const DeliverySink& sink, const std::shared_ptr
                        !client->ioContext().get_executor().running_in_this_thread();
     verdicts.status.resize(nodeIds.size());
     if (sink.watchesConnection)
-        connectionHandle = client->addConnectionCallback([this](bool connected) { onConnectionStatusChange(connected); });
+        connectionHandle =
+            client->addConnectionCallback([this](bool connected) { onConnectionStatusChange(connected); });
     for (std::size_t i = 0; i < nodeIds.size(); ++i)
         itemHandles.push_back(client->monitor(
             *nodeIds[i], samplingIntervalMs, [this](UA_DataValue* value) { onMonitoredDataChange(value); },

@@ -10,7 +10,7 @@ namespace vesk::duvo::opcua::detail::ps {
 struct DataPollerCore::Guard {
     std::mutex mutex;
     bool alive = true;
-    std::atomic<std::thread::id> runner{}; // the thread running a handler, under the mutex
+    std::atomic<std::thread::id> runner{};                  // the thread running a handler, under the mutex
     std::atomic<std::uint64_t> answered{~std::uint64_t(0)}; // the last read that ended in time
 };
 
@@ -41,14 +41,9 @@ void DataPollerCore::post(F f) {
 
 DataPollerCore::DataPollerCore(const DeliverySink& sink, std::shared_ptr<OpcUaClient> client,
                                const std::vector<NodeId>& nodeIds, std::int64_t periodMs)
-    : logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.subscriber")),
-      sink(sink),
-      client(std::move(client)),
-      periodMs(periodMs),
-      readValueIds(this->client->makeReadValueIds(nodeIds)),
-      nodeIds(nodeIds),
-      timer(this->client->ioContext()),
-      guard(std::make_shared<Guard>()) {
+    : logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.subscriber")), sink(sink), client(std::move(client)),
+      periodMs(periodMs), readValueIds(this->client->makeReadValueIds(nodeIds)), nodeIds(nodeIds),
+      timer(this->client->ioContext()), guard(std::make_shared<Guard>()) {
     id = sink.pollerName;
     for (const auto& node : nodeIds) id += " " + nodeIdToString(*node);
     if (this->periodMs < 1) {
@@ -99,20 +94,17 @@ void DataPollerCore::poll() {
     outstanding = true;
     readDeadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(periodMs);
     try {
-        client->readValues(readValueIds, readValueIds.size(), readDeadline,
-                           [io = &client->ioContext(), g = guard, reply = guarded([this](Reply& r) { onReply(r); }),
-                            read = serial, deadline = readDeadline](OpcUaClient::ReadResponse response,
-                                                                    const RequestFailure* failure) mutable {
-                               // On the thread that drives the client: handled on the I/O
-                               // thread, never inline here.
-                               Reply r{read, std::move(response), failure != nullptr,
-                                       failure != nullptr &&
-                                           (failure->timedOut || std::chrono::steady_clock::now() >= deadline)};
-                               if (!r.timedOut) g->answered.store(read);
-                               boost::asio::post(*io, [reply = std::move(reply), r = std::move(r)]() mutable {
-                                   reply(r);
-                               });
-                           });
+        client->readValues(
+            readValueIds, readValueIds.size(), readDeadline,
+            [io = &client->ioContext(), g = guard, reply = guarded([this](Reply& r) { onReply(r); }), read = serial,
+             deadline = readDeadline](OpcUaClient::ReadResponse response, const RequestFailure* failure) mutable {
+                // On the thread that drives the client: handled on the I/O
+                // thread, never inline here.
+                Reply r{read, std::move(response), failure != nullptr,
+                        failure != nullptr && (failure->timedOut || std::chrono::steady_clock::now() >= deadline)};
+                if (!r.timedOut) g->answered.store(read);
+                boost::asio::post(*io, [reply = std::move(reply), r = std::move(r)]() mutable { reply(r); });
+            });
     } catch (...) {
         outstanding = false;
         sink.pollThrew();

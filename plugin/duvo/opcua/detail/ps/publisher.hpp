@@ -80,9 +80,10 @@ class OpcUaPublisher : public OpcUaBasePubSub<T, ST>,
 public:
     using WriteResponse = UaCpp<UA_WriteResponse, std::unique_ptr<UA_WriteResponse, void (*)(UA_WriteResponse*)>>;
 
-    OpcUaPublisher(const std::string& uri, const typename Base::QoSList& qos, const typename Base::Properties& properties,
-                   const std::shared_ptr<OpcUaDuvo>& duvo)
-        : Base(uri, qos, properties, duvo), publisherLogger(log4cplus::Logger::getInstance("orsa.duvo.opcua.publisher")) {
+    OpcUaPublisher(const std::string& uri, const typename Base::QoSList& qos,
+                   const typename Base::Properties& properties, const std::shared_ptr<OpcUaDuvo>& duvo)
+        : Base(uri, qos, properties, duvo),
+          publisherLogger(log4cplus::Logger::getInstance("orsa.duvo.opcua.publisher")) {
         LOG4CPLUS_TRACE(publisherLogger, "Publisher for " << uri << " created");
     }
 
@@ -153,10 +154,11 @@ public:
         }
         if (timeout.count() == 0) {
             // Fire and forget: a failure found later can no longer reach the caller, so it is logged.
-            this->client->writeValues(writes, ST::fieldCount, deadline,
-                                      [self = this->weak_from_this()](WriteResponse response, const RequestFailure* failure) {
-                                          if (auto publisher = self.lock()) publisher->logFailure(response, failure);
-                                      });
+            this->client->writeValues(
+                writes, ST::fieldCount, deadline,
+                [self = this->weak_from_this()](WriteResponse response, const RequestFailure* failure) {
+                    if (auto publisher = self.lock()) publisher->logFailure(response, failure);
+                });
             return;
         }
         WriteDone done;
@@ -193,10 +195,12 @@ private:
     struct WriteDone {
         boost::promise<WriteResponse> promise{boost::allocator_arg, Recycling<char>()};
         void operator()(WriteResponse response, const RequestFailure* failure) {
-            if (failure == nullptr) promise.set_value(std::move(response));
+            if (failure == nullptr)
+                promise.set_value(std::move(response));
             else if (failure->timedOut || failure->neverSent)
                 promise.set_exception(boost::copy_exception(vesk::duvo::TimeoutException("timeout when publishing")));
-            else promise.set_exception(failure->exception());
+            else
+                promise.set_exception(failure->exception());
         }
     };
 

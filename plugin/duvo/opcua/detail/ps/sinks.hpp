@@ -25,7 +25,8 @@ using vesk::duvo::ps::queue::OwnedSample;
 template <class ST, class = void>
 struct TakesOwnedValues : std::false_type {};
 template <class ST>
-struct TakesOwnedValues<ST, std::void_t<decltype(std::declval<ST&>().takeOpcUaDataValues(std::declval<UA_DataValue*>()))>>
+struct TakesOwnedValues<ST,
+                        std::void_t<decltype(std::declval<ST&>().takeOpcUaDataValues(std::declval<UA_DataValue*>()))>>
     : std::true_type {};
 
 /// Fills a new sample from values that the caller owns and gives up: a binding that can take

@@ -23,8 +23,8 @@ struct SubscriberSources {
     using NodeId = DataMonitorCore::NodeId;
 
     /// Starts them; sink delivers into the store and outlives them.
-    void start(const DeliverySink& sink, const std::shared_ptr<OpcUaClient>& client,
-               const std::vector<NodeId>& nodeIds, const std::map<std::string, std::string>& properties);
+    void start(const DeliverySink& sink, const std::shared_ptr<OpcUaClient>& client, const std::vector<NodeId>& nodeIds,
+               const std::map<std::string, std::string>& properties);
     /// Stops them: once this returns no handler of theirs runs, but on the calling thread.
     void stop() noexcept;
 
@@ -83,8 +83,7 @@ protected:
     OpcUaSubscriberEntity(const char* kind, const std::string& uri, const typename Base::QoSList& qos,
                           const typename Base::Properties& properties, const std::shared_ptr<OpcUaDuvo>& duvo,
                           CoreArguments&&... coreArguments)
-        : Core(std::forward<CoreArguments>(coreArguments)...),
-          Base(uri, qos, properties, duvo),
+        : Core(std::forward<CoreArguments>(coreArguments)...), Base(uri, qos, properties, duvo),
           logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.subscriber")),
           sink(storeOf(static_cast<Core&>(*this)), gate, sampleMaker<T, ST>()) {
         sources.start(sink, this->client, this->nodeIds, properties);

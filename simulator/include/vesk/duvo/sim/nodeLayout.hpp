@@ -18,9 +18,7 @@ inline std::string fieldNodeName(const std::string& type) { return type; }
 inline std::string objectNodeName(const std::string& iface) { return iface; }
 /// The string identifier of an interface's method: "<Iface>.<Method>", e.g.
 /// "PsRpcSetpower.RPC_SetPower", a component of the object named after the interface.
-inline std::string methodNodeName(const std::string& iface, const std::string& method) {
-    return iface + "." + method;
-}
+inline std::string methodNodeName(const std::string& iface, const std::string& method) { return iface + "." + method; }
 
 /// "ns=1;s=<Type>": the node of a structure's field value0.
 inline std::string fieldNodeId(const std::string& type) {

@@ -113,8 +113,7 @@ public:
     /// Number of client writes accepted for the variable since the last clear.
     std::size_t writeCount(const std::string& variable) const;
     /// Waits until writeCount(variable) >= count; false on timeout.
-    bool waitForWrites(const std::string& variable, std::size_t count,
-                       std::chrono::milliseconds timeout) const;
+    bool waitForWrites(const std::string& variable, std::size_t count, std::chrono::milliseconds timeout) const;
     /// A variable that is not writable answers client writes with BadNotWritable.
     void setWritable(const std::string& variable, bool writable);
 

@@ -48,7 +48,7 @@ private:
     bool trustAny_ = false;
     bool policiesLoaded_ = false;
     bool warnedTrustAny_ = false;
-    std::string rejected_; // why the last server certificate was refused
+    std::string rejected_;  // why the last server certificate was refused
     std::string reported_;  // the cause last logged
     std::string diagnosed_; // what the server's endpoints said, until a session is up
 };
