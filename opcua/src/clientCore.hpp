@@ -205,7 +205,7 @@ private:
     Clock::time_point monitoringDueLocked(Clock::time_point next, Clock::time_point now, bool sessionActive,
                                           bool activated);
     bool takeMonitoringWork(Clock::time_point now, bool sessionActive, MonitoringWork& work);
-    void sweepLocked();
+    void sweepLocked(std::vector<std::shared_ptr<MonitorQueue::Entry>>& ended);
     void planItemsLocked(MonitoringWork& work);
     void createSubscription(const MonitoringWork& work, Clock::time_point now);
     void modifySubscription(const MonitoringWork& work);

@@ -131,6 +131,9 @@ struct ClientCore::MonitoringWork {
     std::vector<UA_MonitoredItemCreateRequest> newItems;
     std::vector<std::pair<UA_UInt32, UA_UInt32>> deletes; // (subscription, item)
     std::vector<UA_UInt32> strayed;
+    // Ended registrations, released with the work after the lock: what their callbacks
+    // captured may end another registration, which takes the lock.
+    std::vector<std::shared_ptr<MonitorQueue::Entry>> ended;
 };
 
 // Decided under the lock, sent after it; a send that fails puts its part back for a later pass.
@@ -150,7 +153,7 @@ bool ClientCore::takeMonitoringWork(Clock::time_point now, bool sessionActive, M
     if (m.sub.state == SubscriptionState::None && !m.items.empty() && now >= m.sub.retryAt) m.dirty = true;
     if (!m.dirty) return false;
     m.dirty = false;
-    if (std::exchange(m.sweepNeeded, false)) sweepLocked();
+    if (std::exchange(m.sweepNeeded, false)) sweepLocked(work.ended);
     if (!sessionActive) {
         m.dirty = true; // again once the session is up
         return false;
@@ -188,7 +191,7 @@ bool ClientCore::takeMonitoringWork(Clock::time_point now, bool sessionActive, M
 
 // Drops the registrations that ended (an item still being made waits for its verdict), and
 // finds the smallest interval of those left.
-void ClientCore::sweepLocked() {
+void ClientCore::sweepLocked(std::vector<std::shared_ptr<MonitorQueue::Entry>>& ended) {
     Monitoring& m = monitoring_;
     m.smallestInterval = -1;
     for (auto it = m.items.begin(); it != m.items.end();) {
@@ -205,9 +208,10 @@ void ClientCore::sweepLocked() {
         }
         if (record.state == ItemState::Created && record.generation == m.sub.generation)
             m.pendingDeletes.emplace_back(m.sub.id, record.monitoredItemId);
+        ended.push_back(std::move(record.entry));
         it = m.items.erase(it);
     }
-    monitors_.purgeRemoved();
+    for (auto& entry : monitors_.purgeRemoved()) ended.push_back(std::move(entry));
 }
 
 void ClientCore::planItemsLocked(MonitoringWork& work) {

@@ -104,8 +104,9 @@ public:
 
     /// The registrations still in place, oldest first.
     std::vector<std::shared_ptr<Entry>> entries() {
+        std::vector<std::shared_ptr<Entry>> ended; // released after the lock: a capture may end a registration
         std::lock_guard<std::mutex> lock(shared_->mutex);
-        if (shared_->registrationsRemoved) dropRemoved();
+        if (shared_->registrationsRemoved) ended = dropRemoved();
         return shared_->entries;
     }
 
