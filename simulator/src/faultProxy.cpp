@@ -179,104 +179,105 @@ bool isSymmetric(const std::vector<char>& message) {
 } // namespace
 
 struct FaultProxy::Impl {
-    Impl(const std::string& targetEndpoint, std::uint16_t listenPort) : target(resolve(targetEndpoint)) {
+    Impl(const std::string& targetEndpoint, std::uint16_t listenPort) : target_(resolve(targetEndpoint)) {
         int fds[2];
         if (::pipe2(fds, O_NONBLOCK | O_CLOEXEC) != 0) throwErrno("pipe2");
-        wakeRead = fds[0];
-        wakeWrite = fds[1];
+        wakeRead_ = fds[0];
+        wakeWrite_ = fds[1];
         try {
-            listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-            if (listenFd < 0) throwErrno("socket");
+            listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            if (listenFd_ < 0) throwErrno("socket");
             int on = 1;
-            ::setsockopt(listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+            ::setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
             sockaddr_in address{};
             address.sin_family = AF_INET;
             address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
             address.sin_port = htons(listenPort);
-            if (::bind(listenFd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+            if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
                 throwErrno("cannot listen on port " + std::to_string(listenPort));
-            if (::listen(listenFd, 64) != 0) throwErrno("listen");
+            if (::listen(listenFd_, 64) != 0) throwErrno("listen");
             socklen_t length = sizeof address;
-            if (::getsockname(listenFd, reinterpret_cast<sockaddr*>(&address), &length) != 0) throwErrno("getsockname");
-            port = ntohs(address.sin_port);
+            if (::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+                throwErrno("getsockname");
+            port_ = ntohs(address.sin_port);
         } catch (...) {
-            closeFd(listenFd);
-            closeFd(wakeRead);
-            closeFd(wakeWrite);
+            closeFd(listenFd_);
+            closeFd(wakeRead_);
+            closeFd(wakeWrite_);
             throw;
         }
-        thread = std::thread([this] { run(); });
+        thread_ = std::thread([this] { run(); });
     }
 
     ~Impl() {
-        stopping = true;
+        stopping_ = true;
         wake();
-        thread.join();
-        connections.clear();
-        closeFd(listenFd);
-        closeFd(wakeRead);
-        closeFd(wakeWrite);
+        thread_.join();
+        connections_.clear();
+        closeFd(listenFd_);
+        closeFd(wakeRead_);
+        closeFd(wakeWrite_);
     }
 
     void setMode(Mode m, std::chrono::milliseconds d = std::chrono::milliseconds(0), std::string marker = {}) {
         {
-            std::lock_guard<std::mutex> lock(markerMutex);
-            slowMarker = std::move(marker);
+            std::lock_guard<std::mutex> lock(markerMutex_);
+            slowMarker_ = std::move(marker);
         }
-        delayMs = d.count();
-        mode = m;
+        delayMs_ = d.count();
+        mode_ = m;
         wake();
     }
 
     void wake() {
         const char byte = 0;
-        [[maybe_unused]] auto ignored = ::write(wakeWrite, &byte, 1); // a full pipe wakes as well
+        [[maybe_unused]] auto ignored = ::write(wakeWrite_, &byte, 1); // a full pipe wakes as well
     }
 
     void run();
     void look(Connection& c, const std::vector<char>& bytes) {
-        std::lock_guard<std::mutex> lock(lookMutex);
-        if (lookedFor.empty()) return;
+        std::lock_guard<std::mutex> lock(lookMutex_);
+        if (lookedFor_.empty()) return;
         c.recentToServer.append(bytes.data(), bytes.size());
-        if (c.recentToServer.find(lookedFor) != std::string::npos) lookedForFound = true;
-        if (c.recentToServer.size() >= lookedFor.size())
-            c.recentToServer.erase(0, c.recentToServer.size() - (lookedFor.size() - 1));
+        if (c.recentToServer.find(lookedFor_) != std::string::npos) lookedForFound_ = true;
+        if (c.recentToServer.size() >= lookedFor_.size())
+            c.recentToServer.erase(0, c.recentToServer.size() - (lookedFor_.size() - 1));
     }
     void accept(Mode current);
     void service(Connection& c, short clientEvents, short serverEvents, Mode current, Clock::time_point now);
     void toClient(Connection& c, std::vector<char> message, Clock::time_point due);
 
-    const Target target;
-    std::uint16_t port = 0;
-    int listenFd = -1;
-    int wakeRead = -1;
-    int wakeWrite = -1;
-    std::atomic<Mode> mode{Mode::PassThrough};
-    std::atomic<long long> delayMs{0};
-    std::mutex markerMutex;
-    std::string slowMarker; // DelaySome: requests that contain these bytes
-    std::atomic<bool> stopping{false};
-    std::atomic<std::size_t> open{0};
-    std::mutex lookMutex;
-    std::string lookedFor;
-    std::atomic<bool> lookedForFound{false};
-    std::list<Connection> connections; // proxy thread only
-    std::thread thread;
+    const Target target_;
+    std::uint16_t port_ = 0;
+    int listenFd_ = -1;
+    int wakeRead_ = -1;
+    int wakeWrite_ = -1;
+    std::atomic<Mode> mode_{Mode::PassThrough};
+    std::atomic<long long> delayMs_{0};
+    std::mutex markerMutex_;
+    std::string slowMarker_; // DelaySome: requests that contain these bytes
+    std::atomic<bool> stopping_{false};
+    std::atomic<std::size_t> open_{0};
+    std::mutex lookMutex_;
+    std::string lookedFor_;
+    std::atomic<bool> lookedForFound_{false};
+    std::list<Connection> connections_; // proxy thread only
+    std::thread thread_;
 };
 
 void FaultProxy::Impl::accept(Mode current) {
     for (;;) {
-        const int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) return;
-        if (current == Mode::CloseAll || connections.size() >= kMaxConnections) {
+        if (current == Mode::CloseAll || connections_.size() >= kMaxConnections) {
             ::close(fd);
             continue;
         }
-        Connection& c = connections.emplace_back();
+        Connection& c = connections_.emplace_back();
         c.client = fd;
-        c.server = ::socket(target.address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        c.server = ::socket(target_.address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         if (c.server < 0 ||
-            (::connect(c.server, reinterpret_cast<const sockaddr*>(&target.address), target.length) != 0 &&
+            (::connect(c.server, reinterpret_cast<const sockaddr*>(&target_.address), target_.length) != 0 &&
              errno != EINPROGRESS))
             c.dead = true;
     }
@@ -297,8 +298,8 @@ void FaultProxy::Impl::service(Connection& c, short clientEvents, short serverEv
             c.partFromClient.insert(c.partFromClient.end(), bytes.begin(), bytes.end());
             std::string marker;
             if (current == Mode::DelaySome) {
-                std::lock_guard<std::mutex> lock(markerMutex);
-                marker = slowMarker;
+                std::lock_guard<std::mutex> lock(markerMutex_);
+                marker = slowMarker_;
             }
             for (auto& message : wholeMessages(c.partFromClient)) {
                 if (!marker.empty() && isSymmetric(message) &&
@@ -333,7 +334,7 @@ void FaultProxy::Impl::service(Connection& c, short clientEvents, short serverEv
                     c.tainted = true;
                     continue;
                 }
-                const std::chrono::milliseconds delay(delayMs.load());
+                const std::chrono::milliseconds delay(delayMs_.load());
                 if (current == Mode::DelaySome && isSymmetric(message) &&
                     c.slowRequests.count(readUint32(message, 20))) {
                     if (message[3] != 'C') c.slowRequests.erase(readUint32(message, 20)); // its last chunk
@@ -368,13 +369,13 @@ void FaultProxy::Impl::toClient(Connection& c, std::vector<char> message, Clock:
 
 void FaultProxy::Impl::run() {
     std::vector<pollfd> fds;
-    while (!stopping) {
+    while (!stopping_) {
         const Clock::time_point now = Clock::now();
         fds.clear();
-        fds.push_back({wakeRead, POLLIN, 0});
-        fds.push_back({listenFd, POLLIN, 0});
+        fds.push_back({wakeRead_, POLLIN, 0});
+        fds.push_back({listenFd_, POLLIN, 0});
         int timeout = -1;
-        for (const Connection& c : connections) {
+        for (const Connection& c : connections_) {
             short clientEvents = c.toServerBytes < kMaxBuffered ? POLLIN : 0;
             short serverEvents = 0;
             if (c.connecting)
@@ -397,16 +398,16 @@ void FaultProxy::Impl::run() {
             fds.push_back({c.server, serverEvents, 0});
         }
         if (::poll(fds.data(), fds.size(), timeout) < 0 && errno != EINTR) break;
-        if (stopping) break;
+        if (stopping_) break;
 
         if (fds[0].revents & POLLIN) {
             char drain[64];
-            while (::read(wakeRead, drain, sizeof drain) > 0) {}
+            while (::read(wakeRead_, drain, sizeof drain) > 0) {}
         }
-        const Mode latest = mode;
+        const Mode latest = mode_;
         std::size_t i = 2;
         const Clock::time_point after = Clock::now();
-        for (Connection& c : connections) {
+        for (Connection& c : connections_) {
             // Connections accepted during this round have no poll entries yet.
             if (i >= fds.size()) break;
             const short clientEvents = fds[i].revents;
@@ -418,11 +419,11 @@ void FaultProxy::Impl::run() {
                 service(c, clientEvents, serverEvents, latest, after);
         }
         if (latest == Mode::CloseAll)
-            for (Connection& c : connections) c.dead = true;
-        connections.remove_if([](const Connection& c) { return c.dead; });
+            for (Connection& c : connections_) c.dead = true;
+        connections_.remove_if([](const Connection& c) { return c.dead; });
         if (fds[1].revents & POLLIN) accept(latest);
-        connections.remove_if([](const Connection& c) { return c.dead; });
-        open = connections.size();
+        connections_.remove_if([](const Connection& c) { return c.dead; });
+        open_ = connections_.size();
     }
 }
 
@@ -431,10 +432,10 @@ FaultProxy::FaultProxy(const std::string& targetEndpoint, std::uint16_t listenPo
 
 FaultProxy::~FaultProxy() = default;
 
-std::uint16_t FaultProxy::port() const { return impl_->port; }
+std::uint16_t FaultProxy::port() const { return impl_->port_; }
 
 std::string FaultProxy::endpoint() const {
-    return "opc.tcp://127.0.0.1:" + std::to_string(impl_->port) + impl_->target.path;
+    return "opc.tcp://127.0.0.1:" + std::to_string(impl_->port_) + impl_->target_.path;
 }
 
 void FaultProxy::passThrough() { impl_->setMode(Mode::PassThrough); }
@@ -449,16 +450,16 @@ void FaultProxy::blackhole() { impl_->setMode(Mode::Blackhole); }
 
 void FaultProxy::closeAll() { impl_->setMode(Mode::CloseAll); }
 
-FaultProxy::Mode FaultProxy::mode() const { return impl_->mode; }
+FaultProxy::Mode FaultProxy::mode() const { return impl_->mode_; }
 
-std::size_t FaultProxy::connections() const { return impl_->open; }
+std::size_t FaultProxy::connections() const { return impl_->open_; }
 
 void FaultProxy::lookFor(const std::string& text) {
-    std::lock_guard<std::mutex> lock(impl_->lookMutex);
-    impl_->lookedFor = text;
-    impl_->lookedForFound = false;
+    std::lock_guard<std::mutex> lock(impl_->lookMutex_);
+    impl_->lookedFor_ = text;
+    impl_->lookedForFound_ = false;
 }
 
-bool FaultProxy::found() const { return impl_->lookedForFound; }
+bool FaultProxy::found() const { return impl_->lookedForFound_; }
 
 } // namespace vesk::duvo::sim

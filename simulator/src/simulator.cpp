@@ -159,28 +159,28 @@ struct Simulator::Impl {
         CallRecord record;
     };
 
-    explicit Impl(Options o) : options(std::move(o)), port(options.port) {
+    explicit Impl(Options o) : options_(std::move(o)), port_(options_.port) {
         for (const auto& def : detail::variableNodes())
-            variables.push_back({this, &def, def.name, fieldNodeName(def.name)});
+            variables_.push_back({this, &def, def.name, fieldNodeName(def.name)});
         for (const auto& def : detail::methodNodes())
-            interfaces.push_back({this, &def, def.iface, methodNodeName(def.iface, def.method), {}, {}});
+            interfaces_.push_back({this, &def, def.iface, methodNodeName(def.iface, def.method), {}, {}});
     }
 
     VariableState& variable(const std::string& name) {
-        auto it = std::find_if(variables.begin(), variables.end(), [&](const auto& v) { return v.name == name; });
-        if (it == variables.end()) throw std::invalid_argument("unknown variable '" + name + "'");
+        auto it = std::find_if(variables_.begin(), variables_.end(), [&](const auto& v) { return v.name == name; });
+        if (it == variables_.end()) throw std::invalid_argument("unknown variable '" + name + "'");
         return *it;
     }
 
     InterfaceState& iface(const std::string& name) {
-        auto it = std::find_if(interfaces.begin(), interfaces.end(), [&](const auto& i) { return i.name == name; });
-        if (it == interfaces.end()) throw std::invalid_argument("unknown interface '" + name + "'");
+        auto it = std::find_if(interfaces_.begin(), interfaces_.end(), [&](const auto& i) { return i.name == name; });
+        if (it == interfaces_.end()) throw std::invalid_argument("unknown interface '" + name + "'");
         return *it;
     }
 
     UA_Server* requireServer() const {
-        if (!server) throw std::logic_error("the simulator is not running");
-        return server;
+        if (!server_) throw std::logic_error("the simulator is not running");
+        return server_;
     }
 
     void start();
@@ -197,25 +197,25 @@ struct Simulator::Impl {
                                 UA_Variant* output);
     static void animate(UA_Server* server, void* data);
 
-    const Options options;
-    std::uint16_t port;
-    std::string certificate; // DER, once a start made or read it
+    const Options options_;
+    std::uint16_t port_;
+    std::string certificate_; // DER, once a start made or read it
     // Sized once: the nodes keep pointers to their entries.
-    std::vector<VariableState> variables;
-    std::vector<InterfaceState> interfaces;
+    std::vector<VariableState> variables_;
+    std::vector<InterfaceState> interfaces_;
 
-    // Guards the states above and `stopping`; `changed` signals writes and stop.
-    mutable std::mutex mutex;
-    mutable std::condition_variable changed;
-    bool stopping = false;
+    // Guards the states above and `stopping_`; `changed_` signals writes and stop.
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    bool stopping_ = false;
 
     // Guards the server's lifetime against the helpers.
-    mutable std::mutex serverMutex;
-    UA_Server* server = nullptr;
-    std::thread loop;
-    std::atomic<bool> iterating{false};
-    std::atomic<bool> running{false};
-    std::uint64_t animationTick = 0; // iterate thread only
+    mutable std::mutex serverMutex_;
+    UA_Server* server_ = nullptr;
+    std::thread loop_;
+    std::atomic<bool> iterating_{false};
+    std::atomic<bool> running_{false};
+    std::uint64_t animationTick_ = 0; // iterate thread only
 };
 
 void Simulator::Impl::onWrite(UA_Server*, const UA_NodeId*, void*, const UA_NodeId*, void* nodeContext,
@@ -223,10 +223,10 @@ void Simulator::Impl::onWrite(UA_Server*, const UA_NodeId*, void*, const UA_Node
     if (serverSideWrite) return;
     auto* state = static_cast<VariableState*>(nodeContext);
     {
-        std::lock_guard<std::mutex> lock(state->owner->mutex);
+        std::lock_guard<std::mutex> lock(state->owner->mutex_);
         ++state->clientWrites;
     }
-    state->owner->changed.notify_all();
+    state->owner->changed_.notify_all();
 }
 
 UA_StatusCode Simulator::Impl::onCall(UA_Server*, const UA_NodeId*, void*, const UA_NodeId*, void* methodContext,
@@ -237,7 +237,7 @@ UA_StatusCode Simulator::Impl::onCall(UA_Server*, const UA_NodeId*, void*, const
     Reply reply;
     try {
         std::vector<OwnedVariant> arguments(input, input + inputSize);
-        std::lock_guard<std::mutex> lock(impl.mutex);
+        std::lock_guard<std::mutex> lock(impl.mutex_);
         ++state->record.count;
         state->record.lastArguments = std::move(arguments);
         reply = state->reply;
@@ -245,8 +245,8 @@ UA_StatusCode Simulator::Impl::onCall(UA_Server*, const UA_NodeId*, void*, const
         return UA_STATUSCODE_BADOUTOFMEMORY;
     }
     if (reply.delay.count() > 0) {
-        std::unique_lock<std::mutex> lock(impl.mutex);
-        impl.changed.wait_for(lock, reply.delay, [&] { return impl.stopping; });
+        std::unique_lock<std::mutex> lock(impl.mutex_);
+        impl.changed_.wait_for(lock, reply.delay, [&] { return impl.stopping_; });
     }
     if (reply.status != UA_STATUSCODE_GOOD) return reply.status;
     if (outputSize < 1) return UA_STATUSCODE_BADINTERNALERROR;
@@ -260,7 +260,7 @@ UA_StatusCode Simulator::Impl::onCall(UA_Server*, const UA_NodeId*, void*, const
 
 void Simulator::Impl::animate(UA_Server* server, void* data) {
     auto& impl = *static_cast<Impl*>(data);
-    const std::uint64_t tick = ++impl.animationTick;
+    const std::uint64_t tick = ++impl.animationTick_;
     const double t = static_cast<double>(tick) * 0.1;
     UA_Float floats[6];
     UA_Double doubles[6];
@@ -285,9 +285,9 @@ void Simulator::Impl::animate(UA_Server* server, void* data) {
 
 void Simulator::Impl::addVariables(UA_Server* s) {
     const UA_NodeId objects = UA_NODEID_NUMERIC(0, UA_NS0ID_OBJECTSFOLDER);
-    for (auto& state : variables) {
+    for (auto& state : variables_) {
         detail::VariableNode def = *state.def;
-        if (listed(options.otherDataType, state.name))
+        if (listed(options_.otherDataType, state.name))
             def.type = def.type == &UA_TYPES[UA_TYPES_DOUBLE] ? &UA_TYPES[UA_TYPES_FLOAT] : &UA_TYPES[UA_TYPES_DOUBLE];
         const OwnedVariant initial = initialValue(def);
         UA_VariableAttributes attr = UA_VariableAttributes_default;
@@ -301,7 +301,7 @@ void Simulator::Impl::addVariables(UA_Server* s) {
             attr.valueRank = UA_VALUERANK_SCALAR;
         }
         {
-            std::lock_guard<std::mutex> lock(mutex);
+            std::lock_guard<std::mutex> lock(mutex_);
             attr.accessLevel = attr.userAccessLevel = accessLevel(state.writable);
         }
         attr.value = *initial; // copied by the server
@@ -318,7 +318,7 @@ void Simulator::Impl::addVariables(UA_Server* s) {
 void Simulator::Impl::addMethods(UA_Server* s) {
     const UA_NodeId objects = UA_NODEID_NUMERIC(0, UA_NS0ID_OBJECTSFOLDER);
     const std::string resultName = "result";
-    for (auto& state : interfaces) {
+    for (auto& state : interfaces_) {
         UA_ObjectAttributes objectAttr = UA_ObjectAttributes_default;
         objectAttr.displayName = text(state.name);
         const std::string objectNode = objectNodeName(state.name);
@@ -328,7 +328,7 @@ void Simulator::Impl::addMethods(UA_Server* s) {
               "cannot add object " + state.name);
 
         auto nodeArgs = state.def->arguments;
-        if (listed(options.lastArgumentDropped, state.name) && !nodeArgs.empty()) nodeArgs.pop_back();
+        if (listed(options_.lastArgumentDropped, state.name) && !nodeArgs.empty()) nodeArgs.pop_back();
         std::vector<std::string> names(nodeArgs.size());
         std::vector<UA_Argument> inputs(nodeArgs.size());
         for (std::size_t i = 0; i < nodeArgs.size(); ++i) {
@@ -384,16 +384,17 @@ UA_ByteString view(const std::string& s) { return {s.size(), reinterpret_cast<UA
 // The security policies, the check of client certificates and the logins.
 UA_StatusCode Simulator::Impl::configureSecurity(UA_ServerConfig& config) {
     UA_StatusCode status = UA_STATUSCODE_GOOD;
-    if (options.security == Options::Security::None) {
+    if (options_.security == Options::Security::None) {
         status = UA_ServerConfig_addSecurityPolicyNone(&config, nullptr);
     } else {
-        if (options.pkiDir.empty()) throw std::runtime_error("a secure simulator needs a PKI folder (Options::pkiDir)");
-        const std::string certPath = options.pkiDir + "/own/cert.der", keyPath = options.pkiDir + "/own/key.der";
+        if (options_.pkiDir.empty())
+            throw std::runtime_error("a secure simulator needs a PKI folder (Options::pkiDir)");
+        const std::string certPath = options_.pkiDir + "/own/cert.der", keyPath = options_.pkiDir + "/own/key.der";
         if (!std::filesystem::exists(certPath) || !std::filesystem::exists(keyPath))
             pki::createSelfSigned(applicationUri, "m2-sim@localhost", certPath, keyPath);
-        certificate = pki::toDer(pki::readFile(certPath));
+        certificate_ = pki::toDer(pki::readFile(certPath));
         std::string key = pki::toDer(pki::readFile(keyPath));
-        const UA_ByteString cert = view(certificate), privateKey = view(key);
+        const UA_ByteString cert = view(certificate_), privateKey = view(key);
         UA_String_clear(&config.applicationDescription.applicationUri);
         config.applicationDescription.applicationUri = UA_STRING_ALLOC(applicationUri);
         // A None channel stays possible for discovery even without a None endpoint.
@@ -405,7 +406,7 @@ UA_StatusCode Simulator::Impl::configureSecurity(UA_ServerConfig& config) {
         if (status == UA_STATUSCODE_GOOD)
             status = UA_ServerConfig_addSecurityPolicyAes256Sha256RsaPss(&config, &cert, &privateKey);
         std::fill(key.begin(), key.end(), '\0');
-        const auto trusted = pki::certificatesIn(options.pkiDir + "/trusted");
+        const auto trusted = pki::certificatesIn(options_.pkiDir + "/trusted");
         if (status == UA_STATUSCODE_GOOD && !trusted.empty()) {
             std::vector<UA_ByteString> list;
             for (const auto& t : trusted) list.push_back(view(t));
@@ -417,8 +418,8 @@ UA_StatusCode Simulator::Impl::configureSecurity(UA_ServerConfig& config) {
         }
     }
     if (status != UA_STATUSCODE_GOOD) return status;
-    if (options.usersFile.empty()) return detail::setOpenAccess(config);
-    const auto users = readUsers(options.usersFile);
+    if (options_.usersFile.empty()) return detail::setOpenAccess(config);
+    const auto users = readUsers(options_.usersFile);
     std::vector<UA_UsernamePasswordLogin> logins;
     for (const auto& [name, password] : users)
         logins.push_back({UA_STRING(const_cast<char*>(name.c_str())), view(password)});
@@ -426,19 +427,19 @@ UA_StatusCode Simulator::Impl::configureSecurity(UA_ServerConfig& config) {
     // Passwords travel encrypted: with security, the strongest policy of the server encrypts them.
     // With security each endpoint's own policy encrypts the password; without, it goes as it is.
     const UA_String none = UA_STRING(const_cast<char*>("http://opcfoundation.org/UA/SecurityPolicy#None"));
-    const bool plain = options.security == Options::Security::None;
+    const bool plain = options_.security == Options::Security::None;
     config.allowNonePolicyPassword = plain;
     return UA_AccessControl_default(&config, false, plain ? &none : nullptr, logins.size(), logins.data());
 }
 
 void Simulator::Impl::start() {
-    if (server) return;
-    if (port != 0) ensurePortFree(options.bindAddress, port);
+    if (server_) return;
+    if (port_ != 0) ensurePortFree(options_.bindAddress, port_);
     UA_ServerConfig config;
     std::memset(&config, 0, sizeof config);
-    config.logging = detail::newStderrLogger(options.logLevel);
+    config.logging = detail::newStderrLogger(options_.logLevel);
     // What UA_ServerConfig_setMinimal sets up, with an access control of our own.
-    UA_StatusCode status = UA_ServerConfig_setBasics_withPort(&config, port);
+    UA_StatusCode status = UA_ServerConfig_setBasics_withPort(&config, port_);
     try {
         if (status == UA_STATUSCODE_GOOD) status = configureSecurity(config);
     } catch (...) {
@@ -446,15 +447,15 @@ void Simulator::Impl::start() {
         throw;
     }
     if (status == UA_STATUSCODE_GOOD)
-        status = options.security == Options::Security::Secure ? UA_ServerConfig_addAllSecureEndpoints(&config)
-                                                               : UA_ServerConfig_addAllEndpoints(&config);
+        status = options_.security == Options::Security::Secure ? UA_ServerConfig_addAllSecureEndpoints(&config)
+                                                                : UA_ServerConfig_addAllEndpoints(&config);
     if (status != UA_STATUSCODE_GOOD) {
         UA_ServerConfig_clean(&config);
         check(status, "cannot configure the simulator");
     }
     // Without an address in its URL the server listens on every interface.
-    const std::string host = listensEverywhere(options.bindAddress) ? "" : urlHost(options.bindAddress);
-    const std::string url = "opc.tcp://" + host + ":" + std::to_string(port);
+    const std::string host = listensEverywhere(options_.bindAddress) ? "" : urlHost(options_.bindAddress);
+    const std::string url = "opc.tcp://" + host + ":" + std::to_string(port_);
     UA_Array_delete(config.serverUrls, config.serverUrlsSize, &UA_TYPES[UA_TYPES_STRING]);
     config.serverUrls = UA_String_new();
     *config.serverUrls = UA_STRING_ALLOC(url.c_str());
@@ -472,49 +473,49 @@ void Simulator::Impl::start() {
     try {
         addVariables(s);
         addMethods(s);
-        if (options.animate)
+        if (options_.animate)
             check(UA_Server_addRepeatedCallback(
                       s, &Impl::animate, this,
-                      static_cast<double>(std::max<long long>(1, options.animationPeriod.count())), nullptr),
+                      static_cast<double>(std::max<long long>(1, options_.animationPeriod.count())), nullptr),
                   "cannot add the animation");
         check(UA_Server_run_startup(s), "cannot start the simulator on " + url);
-        const std::uint16_t actual = port != 0 ? port : listeningPort(s);
+        const std::uint16_t actual = port_ != 0 ? port_ : listeningPort(s);
         if (actual == 0) {
             UA_Server_run_shutdown(s);
             throw std::runtime_error("the simulator found no listening port for " + url);
         }
-        port = actual;
+        port_ = actual;
     } catch (...) {
         UA_Server_delete(s);
         throw;
     }
-    server = s;
-    iterating = true;
+    server_ = s;
+    iterating_ = true;
     UA_EventLoop* eventLoop = UA_Server_getConfig(s)->eventLoop;
-    loop = std::thread([this, eventLoop] {
-        while (iterating.load()) eventLoop->run(eventLoop, kMaxWaitMs);
+    loop_ = std::thread([this, eventLoop] {
+        while (iterating_.load()) eventLoop->run(eventLoop, kMaxWaitMs);
     });
-    running = true;
+    running_ = true;
 }
 
 void Simulator::Impl::stop() {
-    if (!server) return;
-    running = false;
+    if (!server_) return;
+    running_ = false;
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        stopping = true; // releases delayed replies
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true; // releases delayed replies
     }
-    changed.notify_all();
-    iterating = false;
-    loop.join();
+    changed_.notify_all();
+    iterating_ = false;
+    loop_.join();
     // The shutdown runs the event loop until its sockets are gone, each round waiting for
     // the next timer or 100 ms; a close timer ends those waits early.
-    UA_Server_addRepeatedCallback(server, &noop, nullptr, 1.0, nullptr);
-    UA_Server_run_shutdown(server);
-    UA_Server_delete(server);
-    server = nullptr;
-    std::lock_guard<std::mutex> lock(mutex);
-    stopping = false;
+    UA_Server_addRepeatedCallback(server_, &noop, nullptr, 1.0, nullptr);
+    UA_Server_run_shutdown(server_);
+    UA_Server_delete(server_);
+    server_ = nullptr;
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = false;
 }
 
 Simulator::Simulator(Options options) : impl_(std::make_unique<Impl>(std::move(options))) {}
@@ -522,39 +523,39 @@ Simulator::Simulator(Options options) : impl_(std::make_unique<Impl>(std::move(o
 Simulator::~Simulator() { stop(); }
 
 void Simulator::start() {
-    std::lock_guard<std::mutex> lock(impl_->serverMutex);
+    std::lock_guard<std::mutex> lock(impl_->serverMutex_);
     impl_->start();
 }
 
 void Simulator::stop() {
-    std::lock_guard<std::mutex> lock(impl_->serverMutex);
+    std::lock_guard<std::mutex> lock(impl_->serverMutex_);
     impl_->stop();
 }
 
 void Simulator::restart() {
-    std::lock_guard<std::mutex> lock(impl_->serverMutex);
+    std::lock_guard<std::mutex> lock(impl_->serverMutex_);
     impl_->stop();
     impl_->start();
 }
 
-bool Simulator::running() const { return impl_->running; }
+bool Simulator::running() const { return impl_->running_; }
 
 std::uint16_t Simulator::port() const {
-    std::lock_guard<std::mutex> lock(impl_->serverMutex);
-    return impl_->port;
+    std::lock_guard<std::mutex> lock(impl_->serverMutex_);
+    return impl_->port_;
 }
 
-std::string Simulator::certificate() const { return impl_->certificate; }
+std::string Simulator::certificate() const { return impl_->certificate_; }
 
 std::string Simulator::endpoint() const {
-    const std::string& address = impl_->options.bindAddress;
+    const std::string& address = impl_->options_.bindAddress;
     const std::string host = listensEverywhere(address) ? "127.0.0.1" : urlHost(address);
     return "opc.tcp://" + host + ":" + std::to_string(port());
 }
 
 OwnedVariant Simulator::read(const std::string& variable) const {
     auto& state = impl_->variable(variable);
-    std::lock_guard<std::mutex> lock(impl_->serverMutex);
+    std::lock_guard<std::mutex> lock(impl_->serverMutex_);
     UA_Variant value;
     UA_Variant_init(&value);
     check(UA_Server_readValue(impl_->requireServer(), nodeId(state.node), &value), "cannot read " + variable);
@@ -563,7 +564,7 @@ OwnedVariant Simulator::read(const std::string& variable) const {
 
 SourceTime Simulator::sourceTime(const std::string& variable) const {
     auto& state = impl_->variable(variable);
-    std::lock_guard<std::mutex> lock(impl_->serverMutex);
+    std::lock_guard<std::mutex> lock(impl_->serverMutex_);
     UA_ReadValueId id;
     UA_ReadValueId_init(&id);
     id.nodeId = nodeId(state.node);
@@ -579,7 +580,7 @@ SourceTime Simulator::sourceTime(const std::string& variable) const {
 
 void Simulator::write(const std::string& variable, const UA_Variant& value) {
     auto& state = impl_->variable(variable);
-    std::lock_guard<std::mutex> lock(impl_->serverMutex);
+    std::lock_guard<std::mutex> lock(impl_->serverMutex_);
     ServerSideWrite guard;
     // Stamped like a device's own value, so that readers can tell new data from old.
     UA_WriteValue write;
@@ -595,48 +596,48 @@ void Simulator::write(const std::string& variable, const UA_Variant& value) {
 
 std::size_t Simulator::writeCount(const std::string& variable) const {
     auto& state = impl_->variable(variable);
-    std::lock_guard<std::mutex> lock(impl_->mutex);
+    std::lock_guard<std::mutex> lock(impl_->mutex_);
     return state.clientWrites;
 }
 
 bool Simulator::waitForWrites(const std::string& variable, std::size_t count, std::chrono::milliseconds timeout) const {
     auto& state = impl_->variable(variable);
-    std::unique_lock<std::mutex> lock(impl_->mutex);
-    return impl_->changed.wait_for(lock, timeout, [&] { return state.clientWrites >= count; });
+    std::unique_lock<std::mutex> lock(impl_->mutex_);
+    return impl_->changed_.wait_for(lock, timeout, [&] { return state.clientWrites >= count; });
 }
 
 void Simulator::setWritable(const std::string& variable, bool writable) {
     auto& state = impl_->variable(variable);
-    std::lock_guard<std::mutex> lock(impl_->serverMutex);
+    std::lock_guard<std::mutex> lock(impl_->serverMutex_);
     {
-        std::lock_guard<std::mutex> stateLock(impl_->mutex);
+        std::lock_guard<std::mutex> stateLock(impl_->mutex_);
         state.writable = writable;
     }
-    if (impl_->server)
-        check(UA_Server_writeAccessLevel(impl_->server, nodeId(state.node), accessLevel(writable)),
+    if (impl_->server_)
+        check(UA_Server_writeAccessLevel(impl_->server_, nodeId(state.node), accessLevel(writable)),
               "cannot change the access level of " + variable);
 }
 
 CallRecord Simulator::calls(const std::string& iface) const {
     auto& state = impl_->iface(iface);
-    std::lock_guard<std::mutex> lock(impl_->mutex);
+    std::lock_guard<std::mutex> lock(impl_->mutex_);
     return state.record;
 }
 
 void Simulator::clearRecords() {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
-    for (auto& v : impl_->variables) v.clientWrites = 0;
-    for (auto& i : impl_->interfaces) i.record = CallRecord{};
+    std::lock_guard<std::mutex> lock(impl_->mutex_);
+    for (auto& v : impl_->variables_) v.clientWrites = 0;
+    for (auto& i : impl_->interfaces_) i.record = CallRecord{};
 }
 
 void Simulator::setReply(const Reply& reply) {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
-    for (auto& i : impl_->interfaces) i.reply = reply;
+    std::lock_guard<std::mutex> lock(impl_->mutex_);
+    for (auto& i : impl_->interfaces_) i.reply = reply;
 }
 
 void Simulator::setReply(const std::string& iface, const Reply& reply) {
     auto& state = impl_->iface(iface);
-    std::lock_guard<std::mutex> lock(impl_->mutex);
+    std::lock_guard<std::mutex> lock(impl_->mutex_);
     state.reply = reply;
 }
 

@@ -63,12 +63,12 @@ public:
         ++failures;
         // The failure's kind: the text up to its first ':', without the details.
         const std::string kind = text.substr(0, std::min(text.find(':'), std::size_t(60)));
-        std::lock_guard<std::mutex> lock(mutex);
-        ++kinds[kind];
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++kinds_[kind];
     }
     std::map<std::string, long> failureKinds() const {
-        std::lock_guard<std::mutex> lock(mutex);
-        return kinds;
+        std::lock_guard<std::mutex> lock(mutex_);
+        return kinds_;
     }
 
     const std::string name;
@@ -78,8 +78,8 @@ public:
     std::atomic<long> notAlive{0};
 
 private:
-    mutable std::mutex mutex;
-    std::map<std::string, long> kinds;
+    mutable std::mutex mutex_;
+    std::map<std::string, long> kinds_;
 };
 
 /// Runs step at a steady rate on its own thread until told to stop.

@@ -49,20 +49,20 @@ using OpcUaDuvoPtr = std::shared_ptr<vesk::duvo::opcua::detail::OpcUaDuvo>;
         Iface##SyncImpl(const std::string& uri, const RrQoSList& qos, const RrProperties& properties,                  \
                         const OpcUaDuvoPtr& duvo)                                                                      \
             : vesk::duvo::opcua::detail::rr::SyncClientBase(uri, qos, properties, duvo),                               \
-              impl(uri, qos, properties, duvo) {}                                                                      \
+              impl_(uri, qos, properties, duvo) {}                                                                     \
         bool RPC_##Method(M2TYPES_PARAMS(__VA_ARGS__)) override {                                                      \
-            return unpackAsync(impl.clientOrNull(), impl.RPC_##Method(M2TYPES_ARGS(__VA_ARGS__)));                     \
+            return unpackAsync(impl_.clientOrNull(), impl_.RPC_##Method(M2TYPES_ARGS(__VA_ARGS__)));                   \
         }                                                                                                              \
-        std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return impl.getDuvo(); }                          \
-        void close() override { impl.close(); }                                                                        \
-        void asyncConnect() override { impl.asyncConnect(); }                                                          \
+        std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return impl_.getDuvo(); }                         \
+        void close() override { impl_.close(); }                                                                       \
+        void asyncConnect() override { impl_.asyncConnect(); }                                                         \
         std::function<void()> registerConnectionListener(std::function<void(bool)> listener) override {                \
-            return impl.registerConnectionListener(std::move(listener));                                               \
+            return impl_.registerConnectionListener(std::move(listener));                                              \
         }                                                                                                              \
-        Iface##AsyncImpl& asyncImpl() noexcept { return impl; }                                                        \
+        Iface##AsyncImpl& asyncImpl() noexcept { return impl_; }                                                       \
                                                                                                                        \
     private:                                                                                                           \
-        Iface##AsyncImpl impl;                                                                                         \
+        Iface##AsyncImpl impl_;                                                                                        \
     };
 M2TYPES_INTERFACE_CATALOGUE(DUVO_GENERATE_STUBS)
 #undef DUVO_GENERATE_STUBS

@@ -32,24 +32,24 @@ public:
     std::unique_ptr<T> cloneKey() const override { return std::make_unique<Self>(); }
     bool hasKey() const override { return false; }
 
-    value_type getValue0() const override { return field.get(); }
-    void setValue0(param_type value) override { field.set(value); }
+    value_type getValue0() const override { return field_.get(); }
+    void setValue0(param_type value) override { field_.set(value); }
 
     std::size_t getDataValueCount() const override { return fieldCount; }
 
-    void setOpcUaDataValues(const UA_DataValue* values) override { field.fromVariant(Self::context, values[0].value); }
+    void setOpcUaDataValues(const UA_DataValue* values) override { field_.fromVariant(Self::context, values[0].value); }
 
     /// As setOpcUaDataValues, for values that the caller owns and gives up: a numeric array
     /// is taken over instead of copied (and left empty in values).
     void takeOpcUaDataValues(UA_DataValue* values) {
         if constexpr (::m2Types::detail::swappable_v<field_type>)
-            field.takeFromVariant(Self::context, values[0].value);
+            field_.takeFromVariant(Self::context, values[0].value);
         else
-            field.fromVariant(Self::context, values[0].value);
+            field_.fromVariant(Self::context, values[0].value);
     }
 
     const UA_DataValue* getOpcUaDataValues() const override {
-        writeOpcUaDataValues(&dataValue, scratch);
+        writeOpcUaDataValues(&dataValue, scratch_);
         return &dataValue;
     }
 
@@ -58,25 +58,25 @@ public:
     /// std::bad_alloc.
     void writeOpcUaDataValues(UA_DataValue* values, Scratch& callScratch) const {
         UA_DataValue_init(&values[0]);
-        field.toVariant(values[0].value, callScratch);
+        field_.toVariant(values[0].value, callScratch);
         values[0].hasValue = true;
     }
 
-    void copy(const T& other) override { field.set(other.getValue0()); }
+    void copy(const T& other) override { field_.set(other.getValue0()); }
 
-    const FieldBinding<field_type>& getField() const noexcept { return field; }
+    const FieldBinding<field_type>& getField() const noexcept { return field_; }
 
 protected:
-    FieldBinding<field_type> field;
+    FieldBinding<field_type> field_;
     mutable UA_DataValue dataValue;
-    mutable Scratch scratch{}; // getOpcUaDataValues' descriptors
+    mutable Scratch scratch_{}; // getOpcUaDataValues' descriptors
 };
 
 /// Numeric vectors also exchange their buffer with the application's.
 template <class Self, class T>
 class VectorSampleBinding : public SampleBinding<Self, T> {
 public:
-    void swapValue0(typename T::value_type& value) override { this->field.swap(value); }
+    void swapValue0(typename T::value_type& value) override { this->field_.swap(value); }
 };
 
 template <class Self, class T>

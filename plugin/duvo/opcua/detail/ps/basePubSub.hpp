@@ -34,17 +34,17 @@ public:
 
     OpcUaBasePubSub(const std::string& uri, const QoSList& qos, const Properties& properties,
                     const std::shared_ptr<OpcUaDuvo>& duvo)
-        : logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.internal")), uri(uri), qos(qos),
-          properties(properties), duvo(duvo) {
+        : logger_(log4cplus::Logger::getInstance("orsa.duvo.opcua.internal")), uri_(uri), qos_(qos),
+          properties_(properties), duvo_(duvo) {
         if (!UriHelper::isPubSubUri(uri)) throw std::invalid_argument("URI is not publish/subscribe URI uri:" + uri);
         vesk::duvo::util::checkUri(uri, false, true);
-        nodeIds = getNodeIds(uri);
-        if (nodeIds.size() != ST::fieldCount)
-            throw std::invalid_argument("number of OPC-UA nodes in the URI (" + std::to_string(nodeIds.size()) + ") " +
+        nodeIds_ = getNodeIds(uri);
+        if (nodeIds_.size() != ST::fieldCount)
+            throw std::invalid_argument("number of OPC-UA nodes in the URI (" + std::to_string(nodeIds_.size()) + ") " +
                                         "does not match the number of fields in the data type " + "(" +
                                         std::to_string(ST::fieldCount) + ")" + " Uri:" + uri);
         // The endpoint is "opc.tcp://" + authority + path; scheme, query and fragment are dropped.
-        client = duvo->getClient(UriHelper::endpointOf(uri), properties);
+        client_ = duvo->getClient(UriHelper::endpointOf(uri), properties);
     }
 
     virtual ~OpcUaBasePubSub() = default;
@@ -53,34 +53,34 @@ public:
 
     /// Throws unless the entity is initialised and not closed; each refusal is logged once.
     void checkState() const {
-        const EntityState s = state.load(std::memory_order_acquire);
+        const EntityState s = state_.load(std::memory_order_acquire);
         if (s == EntityState::Initialized) return;
         const std::string message =
-            (s == EntityState::Closed ? "Entity closed. Uri:" : "Entity is not INITIALIZED. Uri:") + uri;
-        logger.log(log4cplus::ERROR_LOG_LEVEL, message, "duvo/opcua/detail/ps/basePubSub", __LINE__, "checkState");
+            (s == EntityState::Closed ? "Entity closed. Uri:" : "Entity is not INITIALIZED. Uri:") + uri_;
+        logger_.log(log4cplus::ERROR_LOG_LEVEL, message, "duvo/opcua/detail/ps/basePubSub", __LINE__, "checkState");
         throw vesk::duvo::IllegalStateException(message);
     }
 
-    void setState(EntityState s) noexcept { state.store(s, std::memory_order_release); }
-    EntityState getState() const noexcept { return state.load(std::memory_order_acquire); }
+    void setState(EntityState s) noexcept { state_.store(s, std::memory_order_release); }
+    EntityState getState() const noexcept { return state_.load(std::memory_order_acquire); }
 
-    const std::string& getUri() const noexcept { return uri; }
-    const QoSList& getQos() const noexcept { return qos; }
-    const Properties& getProperties() const noexcept { return properties; }
-    const std::shared_ptr<OpcUaDuvo>& getOpcUaDuvo() const noexcept { return duvo; }
-    const std::vector<NodeId>& getNodeIdList() const noexcept { return nodeIds; }
-    const std::shared_ptr<OpcUaClient>& getClient() const noexcept { return client; }
+    const std::string& getUri() const noexcept { return uri_; }
+    const QoSList& getQos() const noexcept { return qos_; }
+    const Properties& getProperties() const noexcept { return properties_; }
+    const std::shared_ptr<OpcUaDuvo>& getOpcUaDuvo() const noexcept { return duvo_; }
+    const std::vector<NodeId>& getNodeIdList() const noexcept { return nodeIds_; }
+    const std::shared_ptr<OpcUaClient>& getClient() const noexcept { return client_; }
 
 protected:
-    log4cplus::Logger logger;
+    log4cplus::Logger logger_;
     // Written by close() under the entity's own mutex, read by every operation.
-    std::atomic<EntityState> state{EntityState::NotInitialized};
-    const std::string uri;
-    const QoSList qos;
-    const Properties properties;
-    const std::shared_ptr<OpcUaDuvo> duvo;
-    std::vector<NodeId> nodeIds;
-    std::shared_ptr<OpcUaClient> client;
+    std::atomic<EntityState> state_{EntityState::NotInitialized};
+    const std::string uri_;
+    const QoSList qos_;
+    const Properties properties_;
+    const std::shared_ptr<OpcUaDuvo> duvo_;
+    std::vector<NodeId> nodeIds_;
+    std::shared_ptr<OpcUaClient> client_;
 };
 
 } // namespace vesk::duvo::opcua::detail::ps

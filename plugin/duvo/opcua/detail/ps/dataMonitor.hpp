@@ -63,17 +63,17 @@ public:
     static std::string refusal(const std::string& node, UA_StatusCode status);
 
 private:
-    log4cplus::Logger logger;
-    const DeliverySink& sink;
-    DataPollerCore* poller;
+    log4cplus::Logger logger_;
+    const DeliverySink& sink_;
+    DataPollerCore* poller_;
     struct {
         std::mutex mutex;
         std::condition_variable answered;
         bool waiting = false; // the constructor waits, and reports a refusal itself
         std::vector<std::optional<UA_StatusCode>> status;
-    } verdicts;
-    NotificationQueue<std::function<void(bool)>>::Handle connectionHandle;
-    std::vector<NotificationQueue<OpcUaClient::MonitoredNode>::Handle> itemHandles;
+    } verdicts_;
+    NotificationQueue<std::function<void(bool)>>::Handle connectionHandle_;
+    std::vector<NotificationQueue<OpcUaClient::MonitoredNode>::Handle> itemHandles_;
 };
 
 /// A monitor delivering to a sink of the typed form (see SinkAdapter).

@@ -55,8 +55,8 @@ public:
     /// Sends the read, on the I/O thread; its reply is handled by onReply.
     void poll();
 
-    std::int64_t getPeriodMs() const noexcept { return periodMs; }
-    const std::string& getId() const noexcept { return id; }
+    std::int64_t getPeriodMs() const noexcept { return periodMs_; }
+    const std::string& getId() const noexcept { return id_; }
 
 private:
     struct Guard;
@@ -73,21 +73,21 @@ private:
     void onPeriodicPollTimer(const boost::system::error_code& ec);
     void onTriggerPollTimer(const boost::system::error_code& ec);
 
-    log4cplus::Logger logger;
-    const DeliverySink& sink;
-    std::shared_ptr<OpcUaClient> client;
-    std::int64_t periodMs;
-    std::vector<OpcUaClient::ReadValueId> readValueIds;
-    std::vector<NodeId> nodeIds;
-    double lastDataTime = 0.0;
-    std::string id;
-    boost::asio::steady_timer timer;
-    std::shared_ptr<Guard> guard;
+    log4cplus::Logger logger_;
+    const DeliverySink& sink_;
+    std::shared_ptr<OpcUaClient> client_;
+    std::int64_t periodMs_;
+    std::vector<OpcUaClient::ReadValueId> readValueIds_;
+    std::vector<NodeId> nodeIds_;
+    double lastDataTime_ = 0.0;
+    std::string id_;
+    boost::asio::steady_timer timer_;
+    std::shared_ptr<Guard> guard_;
     // I/O thread only: the read in flight, if any, and whether another should follow it.
-    bool outstanding = false;
-    bool pollAgain = false;
-    std::uint64_t serial = 0;
-    std::chrono::steady_clock::time_point readDeadline{};
+    bool outstanding_ = false;
+    bool pollAgain_ = false;
+    std::uint64_t serial_ = 0;
+    std::chrono::steady_clock::time_point readDeadline_{};
 };
 
 /// A poller delivering to a sink of the typed form (see SinkAdapter).

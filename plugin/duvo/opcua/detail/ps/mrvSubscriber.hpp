@@ -40,17 +40,17 @@ template <class T, class ST>
 class OpcUaMrvSubscriberDelegator : public vesk::duvo::ps::MrvSubscriber<T> {
 public:
     OpcUaMrvSubscriberDelegator() = default;
-    explicit OpcUaMrvSubscriberDelegator(std::shared_ptr<OpcUaMrvSubscriber<T, ST>> e) : entity(std::move(e)) {}
-    void setEntity(std::shared_ptr<OpcUaMrvSubscriber<T, ST>> e) noexcept { entity = std::move(e); }
-    const std::shared_ptr<OpcUaMrvSubscriber<T, ST>>& getEntity() const noexcept { return entity; }
+    explicit OpcUaMrvSubscriberDelegator(std::shared_ptr<OpcUaMrvSubscriber<T, ST>> e) : entity_(std::move(e)) {}
+    void setEntity(std::shared_ptr<OpcUaMrvSubscriber<T, ST>> e) noexcept { entity_ = std::move(e); }
+    const std::shared_ptr<OpcUaMrvSubscriber<T, ST>>& getEntity() const noexcept { return entity_; }
 
     std::vector<std::shared_ptr<T>> readMostRecent(const std::chrono::milliseconds& timeout) override {
-        return entity->readMostRecent(timeout);
+        return entity_->readMostRecent(timeout);
     }
-    void close() override { entity->close(); }
+    void close() override { entity_->close(); }
 
 private:
-    std::shared_ptr<OpcUaMrvSubscriber<T, ST>> entity;
+    std::shared_ptr<OpcUaMrvSubscriber<T, ST>> entity_;
 };
 
 } // namespace vesk::duvo::opcua::detail::ps

@@ -83,11 +83,11 @@ public:
     OpcUaPublisher(const std::string& uri, const typename Base::QoSList& qos,
                    const typename Base::Properties& properties, const std::shared_ptr<OpcUaDuvo>& duvo)
         : Base(uri, qos, properties, duvo),
-          publisherLogger(log4cplus::Logger::getInstance("orsa.duvo.opcua.publisher")) {
-        LOG4CPLUS_TRACE(publisherLogger, "Publisher for " << uri << " created");
+          publisherLogger_(log4cplus::Logger::getInstance("orsa.duvo.opcua.publisher")) {
+        LOG4CPLUS_TRACE(publisherLogger_, "Publisher for " << uri << " created");
     }
 
-    std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return this->duvo; }
+    std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return this->duvo_; }
 
     std::unique_ptr<vesk::duvo::ps::InstancePublisher<T>> createInstancePublisher(const T&) override {
         throw vesk::duvo::IllegalStateException("createInstancePublisher not implemented");
@@ -103,30 +103,30 @@ public:
 
     std::shared_ptr<T> createDataEntity() override {
         this->checkState();
-        return createDataEntityInternal<T, ST>(publisherLogger);
+        return createDataEntityInternal<T, ST>(publisherLogger_);
     }
 
     /// Closes the publisher and every instance publisher made from it; a second close returns at once.
     void close() override {
         if (this->getState() == EntityState::Closed) return;
-        std::lock_guard<std::mutex> publishLock(publishMutex);
+        std::lock_guard<std::mutex> publishLock(publishMutex_);
         {
-            std::lock_guard<std::mutex> listLock(listMutex);
-            for (OpcUaInstancePublisher<T, ST>* instance : instancePublishers) instance->close();
+            std::lock_guard<std::mutex> listLock(listMutex_);
+            for (OpcUaInstancePublisher<T, ST>* instance : instancePublishers_) instance->close();
         }
         this->setState(EntityState::Closed);
     }
 
     std::string publisherId() const {
         std::string id = "OpcUaPublisher for nodes";
-        for (const auto& node : this->nodeIds) id += " " + nodeIdToString(*node);
+        for (const auto& node : this->nodeIds_) id += " " + nodeIdToString(*node);
         return id;
     }
 
     /// Writes the sample to the nodes; waits for the result unless the timeout is 0.
     void internalPublish(const T& sample, const std::chrono::milliseconds& timeout, std::optional<double> timestamp) {
         this->checkState();
-        const ST& binding = obtainImpl<T, ST>(sample, publisherLogger);
+        const ST& binding = obtainImpl<T, ST>(sample, publisherLogger_);
         // A deadline already passed: sending anyway would leave the outcome to thread timing
         // (a timeout, a success, or "not connected") while the value may still be written.
         if (timeout.count() < 0) throw vesk::duvo::TimeoutException("timeout when publishing");
@@ -141,7 +141,7 @@ public:
         UA_WriteValue writes[ST::fieldCount];
         for (std::size_t i = 0; i < ST::fieldCount; ++i) {
             UA_WriteValue_init(&writes[i]);
-            writes[i].nodeId = *this->nodeIds[i];
+            writes[i].nodeId = *this->nodeIds_[i];
             writes[i].attributeId = UA_ATTRIBUTEID_VALUE;
             writes[i].value = values[i];
             if (timestamp) {
@@ -154,7 +154,7 @@ public:
         }
         if (timeout.count() == 0) {
             // Fire and forget: a failure found later can no longer reach the caller, so it is logged.
-            this->client->writeValues(
+            this->client_->writeValues(
                 writes, ST::fieldCount, deadline,
                 [self = this->weak_from_this()](WriteResponse response, const RequestFailure* failure) {
                     if (auto publisher = self.lock()) publisher->logFailure(response, failure);
@@ -163,8 +163,8 @@ public:
         }
         WriteDone done;
         boost::future<WriteResponse> future = done.promise.get_future();
-        this->client->writeValues(writes, ST::fieldCount, deadline, std::move(done));
-        if (awaitReply(*this->client, future, waitUntil) != boost::future_status::ready)
+        this->client_->writeValues(writes, ST::fieldCount, deadline, std::move(done));
+        if (awaitReply(*this->client_, future, waitUntil) != boost::future_status::ready)
             throw vesk::duvo::TimeoutException("timeout when publishing");
         checkWriteResponse(future);
     }
@@ -174,17 +174,17 @@ public:
     void checkWriteResponse(const UA_WriteResponse& written) const {
         const UA_WriteResponse* response = &written;
         // Built only for a failure: a good reply must not cost an allocation.
-        const auto suffix = [this] { return " Uri:" + this->uri; };
+        const auto suffix = [this] { return " Uri:" + this->uri_; };
         const UA_StatusCode service = response->responseHeader.serviceResult;
         if (service != UA_STATUSCODE_GOOD)
             throw std::runtime_error(publisherId() + ": write returned " + UA_StatusCode_name(service) + suffix());
-        if (response->resultsSize != this->nodeIds.size())
+        if (response->resultsSize != this->nodeIds_.size())
             throw std::runtime_error(publisherId() + ": write returned " + std::to_string(response->resultsSize) +
-                                     " results, " + "expected " + std::to_string(this->nodeIds.size()) + suffix());
+                                     " results, " + "expected " + std::to_string(this->nodeIds_.size()) + suffix());
         for (std::size_t i = 0; i < response->resultsSize; ++i)
             if (response->results[i] != UA_STATUSCODE_GOOD)
                 throw std::runtime_error(publisherId() + ": failed to write to node " +
-                                         nodeIdToString(*this->nodeIds[i]) + ": " +
+                                         nodeIdToString(*this->nodeIds_[i]) + ": " +
                                          UA_StatusCode_name(response->results[i]) + suffix());
     }
 
@@ -209,26 +209,26 @@ private:
             if (failure != nullptr) throw std::runtime_error(failure->message);
             checkWriteResponse(*response);
         } catch (const std::exception& e) {
-            LOG4CPLUS_ERROR(publisherLogger, e.what());
+            LOG4CPLUS_ERROR(publisherLogger_, e.what());
         }
     }
 
     void addInstancePublisher(OpcUaInstancePublisher<T, ST>* instance) {
-        std::lock_guard<std::mutex> lock(listMutex);
-        instancePublishers.push_back(instance);
+        std::lock_guard<std::mutex> lock(listMutex_);
+        instancePublishers_.push_back(instance);
     }
 
     // An instance publisher leaves the list when it is destroyed, so close() never reaches
     // a destroyed one.
     void removeInstancePublisher(OpcUaInstancePublisher<T, ST>* instance) {
-        std::lock_guard<std::mutex> lock(listMutex);
-        instancePublishers.remove(instance);
+        std::lock_guard<std::mutex> lock(listMutex_);
+        instancePublishers_.remove(instance);
     }
 
-    log4cplus::Logger publisherLogger;
-    std::mutex publishMutex;
-    std::list<OpcUaInstancePublisher<T, ST>*> instancePublishers;
-    std::mutex listMutex;
+    log4cplus::Logger publisherLogger_;
+    std::mutex publishMutex_;
+    std::list<OpcUaInstancePublisher<T, ST>*> instancePublishers_;
+    std::mutex listMutex_;
 };
 
 /// Publishes through its publisher, for one instance; it keeps a copy of that instance.
@@ -236,52 +236,52 @@ template <class T, class ST>
 class OpcUaInstancePublisher : public vesk::duvo::ps::InstancePublisher<T> {
 public:
     OpcUaInstancePublisher(std::shared_ptr<OpcUaPublisher<T, ST>> publisher, const ST& instance)
-        : logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.publisher")), publisher(std::move(publisher)) {
-        this->instance.copy(instance);
+        : logger_(log4cplus::Logger::getInstance("orsa.duvo.opcua.publisher")), publisher_(std::move(publisher)) {
+        this->instance_.copy(instance);
     }
 
-    ~OpcUaInstancePublisher() override { publisher->removeInstancePublisher(this); }
+    ~OpcUaInstancePublisher() override { publisher_->removeInstancePublisher(this); }
 
     void publish(const T& sample, const std::chrono::milliseconds& timeout) override {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard<std::mutex> lock(mutex_);
         checkState();
-        publisher->internalPublish(sample, timeout, std::nullopt);
+        publisher_->internalPublish(sample, timeout, std::nullopt);
     }
 
     void publish(double timestamp, const T& sample, const std::chrono::milliseconds& timeout) override {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard<std::mutex> lock(mutex_);
         checkState();
-        publisher->internalPublish(sample, timeout, timestamp);
+        publisher_->internalPublish(sample, timeout, timestamp);
     }
 
     std::shared_ptr<T> createDataEntity() override {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard<std::mutex> lock(mutex_);
         checkState();
-        auto sample = createDataEntityInternal<T, ST>(logger);
-        static_cast<ST&>(*sample).copy(instance);
+        auto sample = createDataEntityInternal<T, ST>(logger_);
+        static_cast<ST&>(*sample).copy(instance_);
         return sample;
     }
 
-    std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return publisher->getDuvo(); }
+    std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return publisher_->getDuvo(); }
 
     void close() override {
-        std::lock_guard<std::mutex> lock(mutex);
-        closed = true;
+        std::lock_guard<std::mutex> lock(mutex_);
+        closed_ = true;
     }
 
     void checkState() const {
-        if (!closed) return;
+        if (!closed_) return;
         const char* const message = "InstanceOpcUaPublisher closed";
-        logger.log(log4cplus::ERROR_LOG_LEVEL, message, "duvo/opcua/detail/ps/publisher", __LINE__, "checkState");
+        logger_.log(log4cplus::ERROR_LOG_LEVEL, message, "duvo/opcua/detail/ps/publisher", __LINE__, "checkState");
         throw vesk::duvo::IllegalStateException(message);
     }
 
 private:
-    log4cplus::Logger logger;
-    std::shared_ptr<OpcUaPublisher<T, ST>> publisher;
-    std::atomic<bool> closed{false};
-    std::mutex mutex;
-    ST instance;
+    log4cplus::Logger logger_;
+    std::shared_ptr<OpcUaPublisher<T, ST>> publisher_;
+    std::atomic<bool> closed_{false};
+    std::mutex mutex_;
+    ST instance_;
 };
 
 /// The publisher the middleware holds; the only maker of instance publishers.
@@ -290,34 +290,34 @@ class OpcUaPublisherDelegator : public vesk::duvo::ps::Publisher<T> {
 public:
     OpcUaPublisherDelegator() = default;
     explicit OpcUaPublisherDelegator(std::shared_ptr<OpcUaPublisher<T, ST>> publisher)
-        : publisher(std::move(publisher)) {}
+        : publisher_(std::move(publisher)) {}
 
-    void setEntity(std::shared_ptr<OpcUaPublisher<T, ST>> p) noexcept { publisher = std::move(p); }
-    const std::shared_ptr<OpcUaPublisher<T, ST>>& getEntity() const noexcept { return publisher; }
+    void setEntity(std::shared_ptr<OpcUaPublisher<T, ST>> p) noexcept { publisher_ = std::move(p); }
+    const std::shared_ptr<OpcUaPublisher<T, ST>>& getEntity() const noexcept { return publisher_; }
 
-    std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return publisher->getDuvo(); }
+    std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return publisher_->getDuvo(); }
 
     std::unique_ptr<vesk::duvo::ps::InstancePublisher<T>> createInstancePublisher(const T& instance) override {
-        const ST& impl = obtainImpl<T, ST>(instance, publisher->publisherLogger);
-        auto created = std::make_unique<OpcUaInstancePublisher<T, ST>>(publisher, impl);
-        publisher->addInstancePublisher(created.get());
+        const ST& impl = obtainImpl<T, ST>(instance, publisher_->publisherLogger_);
+        auto created = std::make_unique<OpcUaInstancePublisher<T, ST>>(publisher_, impl);
+        publisher_->addInstancePublisher(created.get());
         return created;
     }
 
     void publish(const T& sample, const std::chrono::milliseconds& timeout) override {
-        publisher->internalPublish(sample, timeout, std::nullopt);
+        publisher_->internalPublish(sample, timeout, std::nullopt);
     }
 
     void publish(double timestamp, const T& sample, const std::chrono::milliseconds& timeout) override {
-        publisher->internalPublish(sample, timeout, timestamp);
+        publisher_->internalPublish(sample, timeout, timestamp);
     }
 
-    std::shared_ptr<T> createDataEntity() override { return publisher->createDataEntity(); }
+    std::shared_ptr<T> createDataEntity() override { return publisher_->createDataEntity(); }
 
-    void close() override { publisher->close(); }
+    void close() override { publisher_->close(); }
 
 private:
-    std::shared_ptr<OpcUaPublisher<T, ST>> publisher;
+    std::shared_ptr<OpcUaPublisher<T, ST>> publisher_;
 };
 
 } // namespace vesk::duvo::opcua::detail::ps

@@ -24,13 +24,13 @@ void DeliveryGate::leave() {
 }
 
 void QueuedStoreSink::sample(OwnedSample sample, double time) const {
-    const DeliveryGate::Pass pass(gate);
-    store->deliver(std::move(sample), time, 1);
+    const DeliveryGate::Pass pass(gate_);
+    store_->deliver(std::move(sample), time, 1);
 }
 
 void QueuedStoreSink::empty(double time, long alive) const {
-    const DeliveryGate::Pass pass(gate);
-    store->deliver(OwnedSample(nullptr, nullptr), time, alive);
+    const DeliveryGate::Pass pass(gate_);
+    store_->deliver(OwnedSample(nullptr, nullptr), time, alive);
 }
 
 void QueuedStoreSink::connectionLost() const { empty(0.0, 0); }
@@ -53,8 +53,8 @@ void QueuedStoreSink::conversionFailed(log4cplus::Logger& logger, const std::str
 }
 
 void MrvStoreSink::sample(OwnedSample sample, double /*time*/) const {
-    const DeliveryGate::Pass pass(gate);
-    store->newData(std::shared_ptr<void>(std::move(sample)));
+    const DeliveryGate::Pass pass(gate_);
+    store_->newData(std::shared_ptr<void>(std::move(sample)));
 }
 
 void MrvStoreSink::pollFailed(log4cplus::Logger& logger, const std::string& message) const {

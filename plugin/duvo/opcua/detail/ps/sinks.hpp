@@ -131,9 +131,9 @@ class QueuedStoreSink final : public DeliverySink {
 public:
     QueuedStoreSink(vesk::duvo::ps::queue::detail::QueuedSubscriberCore* store, std::shared_ptr<DeliveryGate> gate,
                     const SampleMaker& maker) noexcept
-        : DeliverySink("OpcUaSubscriber for nodes", true), store(store), gate(std::move(gate)), maker(maker) {}
+        : DeliverySink("OpcUaSubscriber for nodes", true), store_(store), gate_(std::move(gate)), maker_(maker) {}
 
-    OwnedSample convert(UA_DataValue* values) const override { return maker.make(values); }
+    OwnedSample convert(UA_DataValue* values) const override { return maker_.make(values); }
     void sample(OwnedSample sample, double time) const override;
     void connectionLost() const override;
     void pollTimedOut(log4cplus::Logger& logger, const std::string& message) const override;
@@ -144,9 +144,9 @@ public:
 private:
     void empty(double time, long alive) const;
 
-    vesk::duvo::ps::queue::detail::QueuedSubscriberCore* const store;
-    const std::shared_ptr<DeliveryGate> gate;
-    const SampleMaker& maker;
+    vesk::duvo::ps::queue::detail::QueuedSubscriberCore* const store_;
+    const std::shared_ptr<DeliveryGate> gate_;
+    const SampleMaker& maker_;
 };
 
 /// The most-recent-value subscriber's delivery into its store.
@@ -154,9 +154,9 @@ class MrvStoreSink final : public DeliverySink {
 public:
     MrvStoreSink(vesk::duvo::ps::queue::detail::MapMrvCore* store, std::shared_ptr<DeliveryGate> gate,
                  const SampleMaker& maker) noexcept
-        : DeliverySink("OpcUaMrvDataPoller for nodes", false), store(store), gate(std::move(gate)), maker(maker) {}
+        : DeliverySink("OpcUaMrvDataPoller for nodes", false), store_(store), gate_(std::move(gate)), maker_(maker) {}
 
-    OwnedSample convert(UA_DataValue* values) const override { return maker.make(values); }
+    OwnedSample convert(UA_DataValue* values) const override { return maker_.make(values); }
     void sample(OwnedSample sample, double time) const override;
     void connectionLost() const override {}
     void pollTimedOut(log4cplus::Logger&, const std::string&) const override {}
@@ -167,9 +167,9 @@ public:
     void conversionFailed(log4cplus::Logger& logger, const std::string& what, double time) const override;
 
 private:
-    vesk::duvo::ps::queue::detail::MapMrvCore* const store;
-    const std::shared_ptr<DeliveryGate> gate;
-    const SampleMaker& maker;
+    vesk::duvo::ps::queue::detail::MapMrvCore* const store_;
+    const std::shared_ptr<DeliveryGate> gate_;
+    const SampleMaker& maker_;
 };
 
 /// A sink of the typed form (sample(std::unique_ptr<ST>, double), pollerName, watchesConnection
@@ -177,7 +177,7 @@ private:
 template <class ST, class Sink>
 class SinkAdapter final : public DeliverySink {
 public:
-    explicit SinkAdapter(Sink s) : DeliverySink(Sink::pollerName, Sink::watchesConnection), sink(std::move(s)) {}
+    explicit SinkAdapter(Sink s) : DeliverySink(Sink::pollerName, Sink::watchesConnection), sink_(std::move(s)) {}
 
     OwnedSample convert(UA_DataValue* values) const override {
         auto sample = std::make_unique<ST>();
@@ -185,20 +185,20 @@ public:
         return vesk::duvo::ps::queue::ownAs<ST>(std::move(sample));
     }
     void sample(OwnedSample sample, double time) const override {
-        sink.sample(std::unique_ptr<ST>(static_cast<ST*>(sample.release())), time);
+        sink_.sample(std::unique_ptr<ST>(static_cast<ST*>(sample.release())), time);
     }
-    void connectionLost() const override { sink.connectionLost(); }
+    void connectionLost() const override { sink_.connectionLost(); }
     void pollTimedOut(log4cplus::Logger& logger, const std::string& message) const override {
-        sink.pollTimedOut(logger, message);
+        sink_.pollTimedOut(logger, message);
     }
     void pollFailed(log4cplus::Logger& logger, const std::string& message) const override {
-        sink.pollFailed(logger, message);
+        sink_.pollFailed(logger, message);
     }
-    void pollThrew() const override { sink.pollThrew(); }
+    void pollThrew() const override { sink_.pollThrew(); }
     void conversionFailed(log4cplus::Logger& logger, const std::string& what, double time) const override {
-        sink.conversionFailed(logger, what, time);
+        sink_.conversionFailed(logger, what, time);
     }
-    void readEnded() const override { readEnded(sink, 0); }
+    void readEnded() const override { readEnded(sink_, 0); }
 
 private:
     /// A sink may ask to hear of every read's end, delivered or not (the benchmark's does).
@@ -209,7 +209,7 @@ private:
     template <class S>
     static void readEnded(const S&, long) {}
 
-    Sink sink;
+    Sink sink_;
 };
 
 /// Holds a monitor's or poller's adapted sink, so that it is made before the untyped part

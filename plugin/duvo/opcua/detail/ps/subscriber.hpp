@@ -32,38 +32,38 @@ class OpcUaSubscriberDelegator : public vesk::duvo::ps::Subscriber<T> {
 
 public:
     OpcUaSubscriberDelegator() = default;
-    explicit OpcUaSubscriberDelegator(std::shared_ptr<OpcUaSubscriber<T, ST>> e) : entity(std::move(e)) {}
-    void setEntity(std::shared_ptr<OpcUaSubscriber<T, ST>> e) noexcept { entity = std::move(e); }
-    const std::shared_ptr<OpcUaSubscriber<T, ST>>& getEntity() const noexcept { return entity; }
+    explicit OpcUaSubscriberDelegator(std::shared_ptr<OpcUaSubscriber<T, ST>> e) : entity_(std::move(e)) {}
+    void setEntity(std::shared_ptr<OpcUaSubscriber<T, ST>> e) noexcept { entity_ = std::move(e); }
+    const std::shared_ptr<OpcUaSubscriber<T, ST>>& getEntity() const noexcept { return entity_; }
 
-    std::vector<std::shared_ptr<T>> read(unsigned long maxCount) override { return entity->read(maxCount); }
-    std::vector<std::shared_ptr<T>> readInstance(const T& instance) override { return entity->readInstance(instance); }
-    bool readInstance(const T& instance, T& out) override { return entity->readInstance(instance, out); }
+    std::vector<std::shared_ptr<T>> read(unsigned long maxCount) override { return entity_->read(maxCount); }
+    std::vector<std::shared_ptr<T>> readInstance(const T& instance) override { return entity_->readInstance(instance); }
+    bool readInstance(const T& instance, T& out) override { return entity_->readInstance(instance, out); }
     void readDataEvents(const Filter& filter, std::vector<std::shared_ptr<vesk::duvo::ps::DataEvent<T>>>& events,
                         unsigned long maxCount, const std::chrono::milliseconds& timeout) override {
-        entity->readDataEvents(filter, events, maxCount, timeout);
+        entity_->readDataEvents(filter, events, maxCount, timeout);
     }
     unsigned long poll(unsigned long maxCount, const std::chrono::milliseconds& timeout) override {
-        return entity->poll(maxCount, timeout);
+        return entity_->poll(maxCount, timeout);
     }
     std::unique_ptr<vesk::duvo::ps::Subscription> subscribe(const Filter& filter, Callback callback) override {
-        return entity->subscribe(filter, std::move(callback));
+        return entity_->subscribe(filter, std::move(callback));
     }
     std::unique_ptr<vesk::duvo::ps::Subscription> subscribeAsync(const Filter& filter, Callback callback) override {
-        return entity->subscribeAsync(filter, std::move(callback));
+        return entity_->subscribeAsync(filter, std::move(callback));
     }
     std::unique_ptr<vesk::duvo::ps::Subscription> subscribeAsync(const Filter& filter, Notify callback) override {
-        return entity->subscribeAsync(filter, std::move(callback));
+        return entity_->subscribeAsync(filter, std::move(callback));
     }
-    std::unique_ptr<vesk::duvo::ps::LoanedDataEntity<T>> loanedRead() override { return entity->loanedRead(); }
+    std::unique_ptr<vesk::duvo::ps::LoanedDataEntity<T>> loanedRead() override { return entity_->loanedRead(); }
     std::unique_ptr<vesk::duvo::ps::LoanedDataEntity<T>> loanedReadInstance(const T& instance) override {
-        return entity->loanedReadInstance(instance);
+        return entity_->loanedReadInstance(instance);
     }
-    std::shared_ptr<T> createDataEntity() override { return entity->createDataEntity(); }
-    void close() override { entity->close(); }
+    std::shared_ptr<T> createDataEntity() override { return entity_->createDataEntity(); }
+    void close() override { entity_->close(); }
 
 private:
-    std::shared_ptr<OpcUaSubscriber<T, ST>> entity;
+    std::shared_ptr<OpcUaSubscriber<T, ST>> entity_;
 };
 
 } // namespace vesk::duvo::opcua::detail::ps

@@ -58,24 +58,24 @@ public:
         // Only the caller that moves the state to closed shuts down: two closes racing would
         // otherwise both destroy the monitor and the poller. The other one is refused.
         EntityState expected = EntityState::Initialized;
-        if (!this->state.compare_exchange_strong(expected, EntityState::Closed, std::memory_order_acq_rel))
+        if (!this->state_.compare_exchange_strong(expected, EntityState::Closed, std::memory_order_acq_rel))
             this->checkState();
         shutDown();
     }
 
     ~OpcUaSubscriberEntity() override {
         if (this->getState() != EntityState::Closed) {
-            shuttingDown = true;
+            shuttingDown_ = true;
             shutDown();
         }
         // A close() made from the application's callback returned before the delivery that
         // called it left the store.
-        gate->drain();
+        gate_->drain();
     }
 
-    bool hasMonitor() const noexcept { return sources.monitor.has_value(); }
-    bool hasPoller() const noexcept { return sources.poller.has_value(); }
-    const Poller* getPoller() const noexcept { return sources.poller ? &*sources.poller : nullptr; }
+    bool hasMonitor() const noexcept { return sources_.monitor.has_value(); }
+    bool hasPoller() const noexcept { return sources_.poller.has_value(); }
+    const Poller* getPoller() const noexcept { return sources_.poller ? &*sources_.poller : nullptr; }
 
 protected:
     /// coreArguments build the store; the rest is the base entity's.
@@ -84,10 +84,10 @@ protected:
                           const typename Base::Properties& properties, const std::shared_ptr<OpcUaDuvo>& duvo,
                           CoreArguments&&... coreArguments)
         : Core(std::forward<CoreArguments>(coreArguments)...), Base(uri, qos, properties, duvo),
-          logger(log4cplus::Logger::getInstance("orsa.duvo.opcua.subscriber")),
-          sink(storeOf(static_cast<Core&>(*this)), gate, sampleMaker<T, ST>()) {
-        sources.start(sink, this->client, this->nodeIds, properties);
-        LOG4CPLUS_TRACE(logger, kind << " for " << uri << " created");
+          logger_(log4cplus::Logger::getInstance("orsa.duvo.opcua.subscriber")),
+          sink_(storeOf(static_cast<Core&>(*this)), gate_, sampleMaker<T, ST>()) {
+        sources_.start(sink_, this->client_, this->nodeIds_, properties);
+        LOG4CPLUS_TRACE(logger_, kind << " for " << uri << " created");
     }
 
 private:
@@ -96,16 +96,16 @@ private:
         // A delivery waiting for the store then gives up, so the monitor and the poller need
         // not wait for it: the closing thread may hold the store's lock.
         Core::stopDeliveries();
-        sources.stop();
+        sources_.stop();
         Core::close();
     }
 
-    log4cplus::Logger logger;
-    std::atomic<bool> shuttingDown{false};
+    log4cplus::Logger logger_;
+    std::atomic<bool> shuttingDown_{false};
     // Outlives the sink, the monitor and the poller, which deliver through it.
-    const std::shared_ptr<DeliveryGate> gate = std::make_shared<DeliveryGate>();
-    const StoreSink sink;
-    SubscriberSources sources;
+    const std::shared_ptr<DeliveryGate> gate_ = std::make_shared<DeliveryGate>();
+    const StoreSink sink_;
+    SubscriberSources sources_;
 };
 
 } // namespace vesk::duvo::opcua::detail::ps

@@ -86,7 +86,7 @@ public:
 
     ClientEntity(const std::string& uri, const std::vector<std::shared_ptr<vesk::duvo::rr::qos::QoS>>& qos,
                  const std::map<std::string, std::string>& properties, const std::shared_ptr<OpcUaDuvo>& duvo)
-        : duvo(duvo), uri(uri) {
+        : duvo_(duvo), uri_(uri) {
         if (!UriHelper::isReqResUri(uri)) throw std::invalid_argument("URI is not request/response URI. Uri:" + uri);
         std::vector<NodeId> nodes = getNodeIds(uri);
         if (nodes.size() % 2 != 0)
@@ -96,19 +96,19 @@ public:
         if (pairs != RrInterfaceTraits<I>::methodCount)
             throw std::invalid_argument("interface has " + std::to_string(RrInterfaceTraits<I>::methodCount) +
                                         " methods, but " + std::to_string(pairs) + " methods specified in URI");
-        for (std::size_t k = 0; k < pairs; ++k) methods.push_back(Method{nodes[2 * k], nodes[2 * k + 1]});
-        submitTimeoutMs = getDuvoProperty<int>(properties, "opc.asyncCallSubmitTimeoutMs", 1000);
-        replyTimeMs = vesk::duvo::util::getReplyTimeQoS(qos);
-        if (replyTimeMs == 2147483647) replyTimeMs = 0;
-        client = duvo->getClient(UriHelper::endpointOf(uri), properties);
+        for (std::size_t k = 0; k < pairs; ++k) methods_.push_back(Method{nodes[2 * k], nodes[2 * k + 1]});
+        submitTimeoutMs_ = getDuvoProperty<int>(properties, "opc.asyncCallSubmitTimeoutMs", 1000);
+        replyTimeMs_ = vesk::duvo::util::getReplyTimeQoS(qos);
+        if (replyTimeMs_ == 2147483647) replyTimeMs_ = 0;
+        client_ = duvo->getClient(UriHelper::endpointOf(uri), properties);
     }
 
-    std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return duvo; }
+    std::shared_ptr<vesk::duvo::Duvo> getDuvo() const override { return duvo_; }
 
     /// Drops this entity's share of the client; the client lives on while others hold it.
     void close() override {
-        std::lock_guard<std::mutex> lock(clientMutex);
-        client.reset();
+        std::lock_guard<std::mutex> lock(clientMutex_);
+        client_.reset();
     }
 
     void asyncConnect() override { currentClient()->asyncConnect(); }
@@ -124,41 +124,41 @@ public:
     template <class R, std::size_t N>
     boost::future<R> callMethodAsync(std::size_t methodIndex, std::array<UA_Variant, N> arguments,
                                      const std::function<R(const UA_Variant&)>& convert) {
-        if (methodIndex >= methods.size())
-            throw std::out_of_range("method index " + std::to_string(methodIndex) + " out of range. Uri:" + uri);
+        if (methodIndex >= methods_.size())
+            throw std::out_of_range("method index " + std::to_string(methodIndex) + " out of range. Uri:" + uri_);
         const std::shared_ptr<OpcUaClient> c = openClient();
         // A call after close() fails through its future, as every other failure of a call does.
         if (!c) return boost::make_exceptional_future<R>(boost::copy_exception(closedError()));
         UA_CallMethodRequest request;
         UA_CallMethodRequest_init(&request);
-        request.objectId = *methods[methodIndex].objectId;
-        request.methodId = *methods[methodIndex].methodId;
+        request.objectId = *methods_[methodIndex].objectId;
+        request.methodId = *methods_[methodIndex].methodId;
         request.inputArgumentsSize = N;
         request.inputArguments = N ? arguments.data() : nullptr;
         DeliverCallResult<R> done;
         done.convert = &convert;
         boost::future<R> future = done.promise.get_future();
-        c->callMethods(&request, 1, std::chrono::steady_clock::now() + std::chrono::milliseconds(submitTimeoutMs),
-                       replyTimeMs, std::move(done));
+        c->callMethods(&request, 1, std::chrono::steady_clock::now() + std::chrono::milliseconds(submitTimeoutMs_),
+                       replyTimeMs_, std::move(done));
         return future;
     }
 
     /// The shared client, or null once closed: a synchronous caller drives it while it waits.
     std::shared_ptr<OpcUaClient> clientOrNull() const {
-        std::lock_guard<std::mutex> lock(clientMutex);
-        return client;
+        std::lock_guard<std::mutex> lock(clientMutex_);
+        return client_;
     }
 
-    std::int64_t getSubmitTimeoutMs() const noexcept { return submitTimeoutMs; }
-    std::int64_t getReplyTimeMs() const noexcept { return replyTimeMs; }
-    const std::vector<Method>& getMethods() const noexcept { return methods; }
+    std::int64_t getSubmitTimeoutMs() const noexcept { return submitTimeoutMs_; }
+    std::int64_t getReplyTimeMs() const noexcept { return replyTimeMs_; }
+    const std::vector<Method>& getMethods() const noexcept { return methods_; }
 
 private:
     using ConnectionHandle = NotificationQueue<std::function<void(bool)>>::Handle;
 
     std::shared_ptr<OpcUaClient> openClient() const {
-        std::lock_guard<std::mutex> lock(clientMutex);
-        return client;
+        std::lock_guard<std::mutex> lock(clientMutex_);
+        return client_;
     }
 
     std::shared_ptr<OpcUaClient> currentClient() const {
@@ -169,18 +169,18 @@ private:
 
     /// The refusal of a use after close(), logged once as it is made.
     vesk::duvo::IllegalStateException closedError() const {
-        const std::string message = "Client entity closed. Uri:" + uri;
+        const std::string message = "Client entity closed. Uri:" + uri_;
         LOG4CPLUS_ERROR(log4cplus::Logger::getInstance("orsa.duvo.opcua.internal"), message);
         return vesk::duvo::IllegalStateException(message);
     }
 
-    std::shared_ptr<OpcUaDuvo> duvo;
-    std::vector<Method> methods;
-    std::shared_ptr<OpcUaClient> client;
-    std::int64_t submitTimeoutMs = 1000;
-    std::int64_t replyTimeMs = 0;
-    const std::string uri;
-    mutable std::mutex clientMutex;
+    std::shared_ptr<OpcUaDuvo> duvo_;
+    std::vector<Method> methods_;
+    std::shared_ptr<OpcUaClient> client_;
+    std::int64_t submitTimeoutMs_ = 1000;
+    std::int64_t replyTimeMs_ = 0;
+    const std::string uri_;
+    mutable std::mutex clientMutex_;
 };
 
 } // namespace vesk::duvo::opcua::detail::rr

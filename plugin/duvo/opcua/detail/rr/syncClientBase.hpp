@@ -24,18 +24,18 @@ class SyncClientBase : public virtual vesk::duvo::rr::ClientRrEntity {
 public:
     SyncClientBase(const std::string& /*uri*/, const std::vector<std::shared_ptr<vesk::duvo::rr::qos::QoS>>& qos,
                    const std::map<std::string, std::string>& /*properties*/, const std::shared_ptr<OpcUaDuvo>& duvo)
-        : duvo(duvo) {
+        : duvo_(duvo) {
         const long reply = vesk::duvo::util::getReplyTimeQoS(qos);
-        if (reply != 2147483647) replyTimeout = reply;
+        if (reply != 2147483647) replyTimeout_ = reply;
     }
 
     /// client: the one the call went to (null: just wait), which this thread drives meanwhile.
     template <class R>
     R unpackAsync(const std::shared_ptr<OpcUaClient>& client, boost::future<R>&& future) const {
         if (!future.valid()) throw boost::future_uninitialized();
-        if (client && !replyTimeout) awaitReply(*client, future, boost::chrono::steady_clock::time_point::max());
-        if (replyTimeout) {
-            const auto deadline = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(*replyTimeout);
+        if (client && !replyTimeout_) awaitReply(*client, future, boost::chrono::steady_clock::time_point::max());
+        if (replyTimeout_) {
+            const auto deadline = boost::chrono::steady_clock::now() + boost::chrono::milliseconds(*replyTimeout_);
             if ((client ? awaitReply(*client, future, deadline) : future.wait_until(deadline)) !=
                 boost::future_status::ready)
                 throw vesk::duvo::TimeoutException("timeout when waiting for data");
@@ -49,11 +49,11 @@ public:
         return future.get();
     }
 
-    const std::optional<std::int64_t>& getReplyTimeout() const noexcept { return replyTimeout; }
+    const std::optional<std::int64_t>& getReplyTimeout() const noexcept { return replyTimeout_; }
 
 protected:
-    std::shared_ptr<OpcUaDuvo> duvo;
-    std::optional<std::int64_t> replyTimeout;
+    std::shared_ptr<OpcUaDuvo> duvo_;
+    std::optional<std::int64_t> replyTimeout_;
 };
 
 } // namespace vesk::duvo::opcua::detail::rr
