@@ -110,42 +110,6 @@ double readDouble(OpcUaClient& client, const char* name, double* sourceTime = nu
 
 // ---- services
 
-TEST_F(ClientTest, write_read_and_call_round_trip) {
-    UA_WriteValue writes[2];
-    UA_Int32 number = -7;
-    UA_String text = UA_STRING(const_cast<char*>("gr\xC3\xBC\xC3\x9F"));
-    for (auto& w : writes) UA_WriteValue_init(&w);
-    writes[0].nodeId = node("Int32");
-    UA_Variant_setScalar(&writes[0].value.value, &number, &UA_TYPES[UA_TYPES_INT32]);
-    writes[1].nodeId = node("String");
-    UA_Variant_setScalar(&writes[1].value.value, &text, &UA_TYPES[UA_TYPES_STRING]);
-    for (auto& w : writes) {
-        w.attributeId = UA_ATTRIBUTEID_VALUE;
-        w.value.hasValue = w.value.hasSourceTimestamp = true;
-        w.value.sourceTimestamp = 116444736000000000LL + 15000000; // 1.5 s after the Unix epoch
-    }
-    auto written = client->writeValuesAsync(writes, 2, Clock::now() + 2s).get();
-    auto zeroTimeout = writeDouble(*client, "Double", 9, 0ms); // nobody waits: reports the reply
-    EXPECT_EQ(zeroTimeout.get()->results[0], UA_STATUSCODE_GOOD);
-    ASSERT_EQ(written->resultsSize, 2u);
-    EXPECT_EQ(written->results[0], UA_STATUSCODE_GOOD);
-    EXPECT_EQ(written->results[1], UA_STATUSCODE_GOOD);
-
-    const auto ids = client->makeReadValueIds(
-        {op::UaNodeId(node("Int32")), op::UaNodeId(node("String")), op::UaNodeId(node("Nope"))});
-    auto read = client->readValuesAsync(ids, 3, Clock::now() + 2s).get();
-    ASSERT_EQ(read->resultsSize, 3u);
-    EXPECT_EQ(*static_cast<UA_Int32*>(read->results[0].value.data), -7);
-    EXPECT_TRUE(UA_String_equal(static_cast<UA_String*>(read->results[1].value.data), &text));
-    EXPECT_EQ(read->results[2].status, UA_STATUSCODE_BADNODEIDUNKNOWN);
-    EXPECT_EQ(op::maxDataTimestamp(*read), 1.5);
-
-    auto called = callSleep(*client, 1, 2000).get();
-    ASSERT_EQ(called->resultsSize, 1u);
-    ASSERT_EQ(called->results[0].outputArgumentsSize, 1u);
-    EXPECT_EQ(*static_cast<UA_UInt32*>(called->results[0].outputArguments[0].data), 1u);
-}
-
 TEST_F(ClientTest, monitor_delivers_every_change_in_order_on_the_io_thread) {
     std::thread::id ioThread;
     boost::asio::post(client->ioContext(), [&] { ioThread = std::this_thread::get_id(); });
