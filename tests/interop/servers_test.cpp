@@ -172,7 +172,7 @@ vesk::duvo::sim::Simulator* BothServers::simulator = nullptr;
 
 class AddressSpace : public BothServers {};
 
-TEST_F(AddressSpace, every_variable_matches_the_simulator) {
+TEST_F(AddressSpace, every_variable_and_method_matches_the_simulator_in_all_it_describes) {
 #define COMPARE_VARIABLE(Name, ...)                                                                                    \
     EXPECT_EQ(describeVariable(raw->raw, #Name), describeVariable(*simRaw, #Name)) << #Name;                           \
     EXPECT_EQ(attribute(raw->raw, stringNode(#Name), UA_ATTRIBUTEID_VALUE),                                            \
@@ -180,18 +180,13 @@ TEST_F(AddressSpace, every_variable_matches_the_simulator) {
         << #Name << " starts with another value";
     M2TYPES_DATA_CATALOGUE(COMPARE_VARIABLE)
 #undef COMPARE_VARIABLE
-}
-
-TEST_F(AddressSpace, every_method_matches_the_simulator) {
 #define COMPARE_INTERFACE(Iface, Method, ...)                                                                          \
     EXPECT_EQ(describeInterface(raw->raw, #Iface, "RPC_" #Method), describeInterface(*simRaw, #Iface, "RPC_" #Method)) \
         << #Iface;
     M2TYPES_INTERFACE_CATALOGUE(COMPARE_INTERFACE)
 #undef COMPARE_INTERFACE
-}
 
-TEST_F(AddressSpace, describes_what_it_compares) {
-    // The comparison above would pass on two empty servers: pin down one of each kind.
+    // The comparison would pass on two empty servers: pin down what it sees of one of each kind.
     const std::string variable = describeVariable(*simRaw, "M2FloatVector6");
     EXPECT_NE(variable.find("data type \"i=10\""), std::string::npos) << variable;
     EXPECT_NE(variable.find("value rank 1"), std::string::npos) << variable;
