@@ -68,58 +68,37 @@ TEST(SharedVector, resize_and_push_back_keep_elements) {
     EXPECT_EQ(std::vector<int>(v.begin(), v.end()), (std::vector<int>{0, 1, 2}));
 }
 
-TEST(FlexibleSharedArray, refill_of_a_sole_owner_reuses_the_buffer) {
+TEST(FlexibleSharedArray, refills_a_sole_owners_buffer_moves_from_a_shared_one_and_grows_and_empties_exactly) {
     FlexibleSharedArray<double> array;
-    std::vector<double> eight{1, 2, 3, 4, 5, 6, 7, 8};
-    UA_Variant v8 = arrayVariant(eight);
-    array.assignFromVariant("ctx", &v8);
+    const auto fill = [&array](std::vector<double> values) {
+        UA_Variant v = arrayVariant(values);
+        array.assignFromVariant("ctx", &v);
+    };
+    fill({1, 2, 3, 4, 5, 6, 7, 8});
     const double* buffer = array.data();
     ASSERT_EQ(array.capacity(), 8u);
-
-    std::vector<double> six{6, 5, 4, 3, 2, 1};
-    UA_Variant v6 = arrayVariant(six);
-    array.assignFromVariant("ctx", &v6);
+    fill({6, 5, 4, 3, 2, 1}); // a sole owner: in place
     EXPECT_EQ(array.data(), buffer);
     EXPECT_EQ(array.size(), 6u);
     EXPECT_EQ(array.capacity(), 8u);
-    EXPECT_EQ(elements(array.get()), six);
-}
+    EXPECT_EQ(elements(array.get()), (std::vector<double>{6, 5, 4, 3, 2, 1}));
 
-TEST(FlexibleSharedArray, refill_of_a_shared_buffer_moves_to_a_new_one) {
-    FlexibleSharedArray<double> array;
-    std::vector<double> first{1, 2, 3};
-    UA_Variant v1 = arrayVariant(first);
-    array.assignFromVariant("ctx", &v1);
     const shared_vector<const double> clone = array.get();
-
-    std::vector<double> second{7, 8, 9};
-    UA_Variant v2 = arrayVariant(second);
-    array.assignFromVariant("ctx", &v2);
+    fill({7, 8, 9}); // shared: a new buffer, the clone keeps its elements
     EXPECT_NE(array.data(), clone.data());
-    EXPECT_EQ(elements(clone), first);
-    EXPECT_EQ(elements(array.get()), second);
+    EXPECT_EQ(elements(clone), (std::vector<double>{6, 5, 4, 3, 2, 1}));
+    EXPECT_EQ(elements(array.get()), (std::vector<double>{7, 8, 9}));
     EXPECT_EQ(array.use_count(), 1);
-}
 
-TEST(FlexibleSharedArray, grows_to_exactly_the_new_count_and_empties_without_a_buffer) {
-    FlexibleSharedArray<double> array;
-    std::vector<double> two{1, 2};
-    UA_Variant v2 = arrayVariant(two);
-    array.assignFromVariant("ctx", &v2);
-    std::vector<double> five{1, 2, 3, 4, 5};
-    UA_Variant v5 = arrayVariant(five);
-    array.assignFromVariant("ctx", &v5);
-    EXPECT_EQ(array.capacity(), 5u);
-
-    std::vector<double> none;
-    UA_Variant v0 = arrayVariant(none);
-    array.assignFromVariant("ctx", &v0);
+    fill(std::vector<double>(10, 1.5)); // beyond the capacity: exactly the new count
+    EXPECT_EQ(array.capacity(), 10u);
+    fill({});
     EXPECT_EQ(array.size(), 0u);
     EXPECT_EQ(array.capacity(), 0u);
     EXPECT_EQ(array.use_count(), 0);
 
     // A scalar of the right type is an array of length 0.
-    array.assignFromVariant("ctx", &v5);
+    fill({1, 2, 3, 4, 5});
     UA_Double scalar = 3;
     UA_Variant vs;
     UA_Variant_setScalar(&vs, &scalar, &UA_TYPES[UA_TYPES_DOUBLE]);

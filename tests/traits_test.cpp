@@ -1,12 +1,9 @@
-// Recognising binding samples, creating them for entities, and refusing foreign samples.
+// Recognising binding samples and creating them for entities.
 #include <memory>
-#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <log4cplus/appender.h>
 #include <log4cplus/logger.h>
-#include <log4cplus/spi/loggingevent.h>
 
 #include <generated/opcua/m2Types/m2Types.hpp>
 
@@ -14,22 +11,8 @@ namespace {
 
 using vesk::duvo::opcua::detail::binding::DuvoOpcUaTraits;
 using vesk::duvo::opcua::detail::ps::createDataEntityInternal;
-using vesk::duvo::opcua::detail::ps::obtainImpl;
 using ST = generated::opcua::m2Types::M2FloatVector6;
 using T = m2Types::M2FloatVector6;
-
-/// Keeps the events that reach a logger.
-class RecordingAppender : public log4cplus::Appender {
-public:
-    std::vector<std::pair<log4cplus::LogLevel, std::string>> events;
-    ~RecordingAppender() override { destructorImpl(); }
-    void close() override {}
-
-protected:
-    void append(const log4cplus::spi::InternalLoggingEvent& e) override {
-        events.emplace_back(e.getLogLevel(), e.getMessage());
-    }
-};
 
 /// A sample of the right module type made by some other binding.
 class ForeignSample : public T {
@@ -61,32 +44,6 @@ TEST(CreateDataEntity, gives_independent_binding_samples) {
     EXPECT_TRUE(b->getValue0().empty());
     dynamic_cast<ST&>(*b).copy(*a);
     EXPECT_EQ(b->getValue0().data(), a->getValue0().data()); // the copy shares, never copies
-}
-
-TEST(ObtainImpl, returns_the_binding_or_refuses_with_one_error_line) {
-    log4cplus::Logger logger = log4cplus::Logger::getInstance("test.traits.obtain");
-    log4cplus::SharedAppenderPtr appender(new RecordingAppender);
-    auto& recorded = static_cast<RecordingAppender&>(*appender).events;
-    logger.addAppender(appender);
-    logger.setAdditivity(false);
-
-    ST own;
-    const ST& seen = obtainImpl<T, ST>(own, logger);
-    EXPECT_EQ(&seen, &own);
-    EXPECT_TRUE(recorded.empty());
-
-    ForeignSample foreign;
-    const std::string message = "data type for instance or value is incorrect. Not a OpcUa supported type";
-    try {
-        obtainImpl<T, ST>(foreign, logger);
-        FAIL() << "foreign sample accepted";
-    } catch (const vesk::duvo::IllegalStateException& e) {
-        EXPECT_EQ(e.what(), message);
-    }
-    ASSERT_EQ(recorded.size(), 1u);
-    EXPECT_EQ(recorded[0].first, log4cplus::ERROR_LOG_LEVEL);
-    EXPECT_EQ(recorded[0].second, message);
-    logger.removeAllAppenders();
 }
 
 } // namespace

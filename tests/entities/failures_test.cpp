@@ -169,7 +169,7 @@ TEST_F(PollerFailures, an_unknown_node_is_logged_and_reported_as_gone_and_the_la
     EXPECT_EQ(samples[0]->getValue0(), 8);
 }
 
-TEST_F(PollerFailures, a_silent_server_times_the_read_out) {
+TEST_F(PollerFailures, a_silent_server_times_the_read_out_at_its_period_and_close_does_not_wait_for_it) {
     vesk::duvo::sim::FaultProxy proxy(simulator->endpoint());
     LogRecorder log(subscriberLog);
     const std::string uri = psUri("M2Int32Value0", proxy.endpoint());
@@ -181,11 +181,14 @@ TEST_F(PollerFailures, a_silent_server_times_the_read_out) {
     ASSERT_TRUE(mostRecentIs<T>(*mostRecent, 61));
 
     proxy.blackhole();
+    const auto cut = std::chrono::steady_clock::now();
     const std::string timedOut = "Msg:OpcUaSubscriber for nodes ns=1;s=M2Int32Value0: read timed out";
     ASSERT_TRUE(log.waitFor(timedOut));
     EXPECT_EQ(log.containing(timedOut)[0].level, log4cplus::WARN_LOG_LEVEL);
     auto event = firstEmptyEvent(*queued);
     ASSERT_NE(event, nullptr);
+    // At worst a poll starts just before the cut and times out a period later.
+    EXPECT_LE(std::chrono::steady_clock::now() - cut, 2 * 300ms + 500ms);
     EXPECT_EQ(event->getInstanceState(), InstanceState::NotAlive);
     EXPECT_EQ(event->getSourceTimestamp(), 0.0);
 
@@ -196,8 +199,11 @@ TEST_F(PollerFailures, a_silent_server_times_the_read_out) {
     ASSERT_EQ(samples.size(), 1u);
     EXPECT_EQ(samples[0]->getValue0(), 61);
 
-    queued.reset(); // with reads unanswered
-    mostRecent.reset();
+    // A read is waiting now: close ends it rather than waiting it out.
+    const auto closing = std::chrono::steady_clock::now();
+    queued->close();
+    EXPECT_LE(std::chrono::steady_clock::now() - closing, 300ms + 500ms);
+    mostRecent.reset(); // with reads unanswered
     proxy.passThrough();
 }
 

@@ -135,7 +135,14 @@ TEST_F(PublisherTest, refusals_say_why_once_and_leave_the_publisher_usable) {
         int getValue0() const override { return 1; }
         void setValue0(int) override {}
     };
-    EXPECT_THROW(p->publish(Foreign(), kWait), vesk::duvo::IllegalStateException);
+    {
+        LogRecorder log(publisherLog);
+        const std::string wrongType = "data type for instance or value is incorrect. Not a OpcUa supported type";
+        EXPECT_EQ(failure<vesk::duvo::IllegalStateException>([&] { p->publish(Foreign(), kWait); }), wrongType);
+        ASSERT_EQ(log.lines().size(), 1u);
+        EXPECT_EQ(log.lines()[0].level, log4cplus::ERROR_LOG_LEVEL);
+        EXPECT_EQ(log.lines()[0].message, wrongType);
+    }
     EXPECT_EQ(simulator->writeCount("M2Int32Value0"), 2u);
 
     p->close();

@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 #include <open62541/types.h>
 
+#include <duvo/opcua/detail/ps/basePubSub.hpp>
 #include <duvo/opcua/detail/ps/mrvSubscriber.hpp>
 #include <duvo/opcua/detail/ps/publisher.hpp>
 #include <duvo/opcua/detail/ps/subscriber.hpp>
@@ -25,7 +26,6 @@
 #include <generated/opcua/m2Types/rpc.hpp>
 #include <vesk/duvo/sim/faultProxy.hpp>
 
-#include "support/makeEntity.hpp"
 #include "support/simulatorFixture.hpp"
 
 namespace duvo::faults {
@@ -56,7 +56,15 @@ inline double msSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
 
-using duvo::test::make;
+/// An entity made from the plug-in's classes, initialised as the entry points leave it: unlike
+/// the typed helpers, entities with different properties can share one middleware's client.
+template <class Entity>
+std::shared_ptr<Entity> make(const std::string& uri, const Properties& properties,
+                             const std::shared_ptr<OpcUaDuvo>& duvo) {
+    auto entity = std::make_shared<Entity>(uri, PsQoS{}, properties, duvo);
+    entity->setState(EntityState::Initialized);
+    return entity;
+}
 
 inline RrQoS replyTime(std::chrono::milliseconds ms) { return {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(ms)}; }
 

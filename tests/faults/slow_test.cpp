@@ -74,7 +74,8 @@ TEST_F(SlowServer, deadlines_hold_for_every_request_from_many_threads_and_for_a_
     vesk::duvo::sim::Reply slow;
     slow.delay = 200ms;
     simulator->setReply(slow);
-    AsyncClient patient(rr, replyTime(2000ms), Properties{}, duvo);
+    // Without a reply time the caller waits as long as the method takes.
+    AsyncClient patient(rr, RrQoS{}, Properties{}, duvo);
     const auto start = Clock::now();
     EXPECT_TRUE(patient.RPC_SetPower(true).get());
     EXPECT_GE(msSince(start), 199);
@@ -129,31 +130,6 @@ TEST_F(SlowServer, late_reads_of_a_poll_hold_up_no_other_entity_on_the_endpoint)
     back.add(msSince(restored));
     EXPECT_LT(msSince(restored), 1200) << "a read held up the session's return";
     polled.reset();
-    proxy.passThrough();
-}
-
-TEST_F(SlowServer, an_unanswered_poll_ends_at_its_period_and_does_not_hold_up_close) {
-    vesk::duvo::sim::FaultProxy proxy(simulator->endpoint());
-    Device device(*simulator);
-    auto subscriber =
-        make<OpcUaSubscriber<T, ST>>(psUri("M2Int32Value0", proxy.endpoint()),
-                                     {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "300"}}, duvo);
-    Watched polled("polled", subscriber);
-    ASSERT_TRUE(polled.waitForValue(1, Clock::now() + 10s));
-    proxy.blackhole();
-    const auto cut = Clock::now();
-    // At worst a poll starts just before the cut and times out a period later.
-    ASSERT_TRUE(polled.waitForNotAlive(1, cut + 10s));
-    const double noticed = msSince(cut);
-    std::printf("[figures] unanswered poll (period 300 ms) reported after %.1f ms\n", noticed);
-    EXPECT_LE(noticed, 2 * 300 + 500);
-
-    std::this_thread::sleep_for(350ms); // the next poll is now waiting
-    const auto start = Clock::now();
-    subscriber->close();
-    const double closing = msSince(start);
-    std::printf("[figures] close during an unanswered poll took %.1f ms\n", closing);
-    EXPECT_LE(closing, 300 + 500);
     proxy.passThrough();
 }
 

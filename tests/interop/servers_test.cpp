@@ -172,7 +172,7 @@ vesk::duvo::sim::Simulator* BothServers::simulator = nullptr;
 
 class AddressSpace : public BothServers {};
 
-TEST_F(AddressSpace, every_variable_matches_the_simulator) {
+TEST_F(AddressSpace, every_variable_and_method_matches_the_simulator_in_all_it_describes) {
 #define COMPARE_VARIABLE(Name, ...)                                                                                    \
     EXPECT_EQ(describeVariable(raw->raw, #Name), describeVariable(*simRaw, #Name)) << #Name;                           \
     EXPECT_EQ(attribute(raw->raw, stringNode(#Name), UA_ATTRIBUTEID_VALUE),                                            \
@@ -180,18 +180,13 @@ TEST_F(AddressSpace, every_variable_matches_the_simulator) {
         << #Name << " starts with another value";
     M2TYPES_DATA_CATALOGUE(COMPARE_VARIABLE)
 #undef COMPARE_VARIABLE
-}
-
-TEST_F(AddressSpace, every_method_matches_the_simulator) {
 #define COMPARE_INTERFACE(Iface, Method, ...)                                                                          \
     EXPECT_EQ(describeInterface(raw->raw, #Iface, "RPC_" #Method), describeInterface(*simRaw, #Iface, "RPC_" #Method)) \
         << #Iface;
     M2TYPES_INTERFACE_CATALOGUE(COMPARE_INTERFACE)
 #undef COMPARE_INTERFACE
-}
 
-TEST_F(AddressSpace, describes_what_it_compares) {
-    // The comparison above would pass on two empty servers: pin down one of each kind.
+    // The comparison would pass on two empty servers: pin down what it sees of one of each kind.
     const std::string variable = describeVariable(*simRaw, "M2FloatVector6");
     EXPECT_NE(variable.find("data type \"i=10\""), std::string::npos) << variable;
     EXPECT_NE(variable.find("value rank 1"), std::string::npos) << variable;
@@ -229,44 +224,33 @@ protected:
     }
 };
 
-TEST_F(Differences, an_array_written_to_a_scalar_variable) {
+TEST_F(Differences, a_value_of_the_other_shape_is_refused_by_the_simulator_and_kept_by_node_opcua) {
+    // node-opcua checks the element type, not the value rank.
     using Vector = m2Types::M2Int32Vector6;
-    const auto [sim, node] = publishTo<Vector>("M2Int32Value0", vesk::duvo::shared_vector<const int>{7, 8, 9});
-    EXPECT_EQ(sim, "BadTypeMismatch");
-    EXPECT_EQ(node, "ok"); // node-opcua checks the element type, not the value rank
+    using Scalar = m2Types::M2Int32Value0;
+    EXPECT_EQ(publishTo<Vector>("M2Int32Value0", vesk::duvo::shared_vector<const int>{7, 8, 9}),
+              std::make_pair(std::string("BadTypeMismatch"), std::string("ok")));
+    EXPECT_EQ(publishTo<Scalar>("M2Int32Vector6", 5),
+              std::make_pair(std::string("BadTypeMismatch"), std::string("ok")));
+    const OwnedVariant array = raw->raw.read("M2Int32Value0");
+    EXPECT_FALSE(array.isScalar());
+    EXPECT_EQ(array.arrayLength(), 3u);
+    EXPECT_TRUE(raw->raw.read("M2Int32Vector6").isScalar());
 
-    // A subscriber of the scalar then receives the array's first element.
-    const OwnedVariant held = raw->raw.read("M2Int32Value0");
-    EXPECT_FALSE(held.isScalar());
-    EXPECT_EQ(held.arrayLength(), 3u);
-    auto subscriber = middleware({{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "20"}})
-                          ->createSubscriber<m2Types::M2Int32Value0>(psUri("M2Int32Value0"));
-    std::vector<std::shared_ptr<m2Types::M2Int32Value0>> got;
-    for (auto end = std::chrono::steady_clock::now() + kWait; got.empty() && std::chrono::steady_clock::now() < end;) {
-        got = subscriber->read(0);
-        std::this_thread::sleep_for(10ms);
-    }
-    ASSERT_FALSE(got.empty());
-    EXPECT_EQ(got.front()->getValue0(), 7);
-}
-
-TEST_F(Differences, a_scalar_written_to_an_array_variable) {
-    const auto [sim, node] = publishTo<m2Types::M2Int32Value0>("M2Int32Vector6", 5);
-    EXPECT_EQ(sim, "BadTypeMismatch");
-    EXPECT_EQ(node, "ok");
-    const OwnedVariant held = raw->raw.read("M2Int32Vector6");
-    EXPECT_TRUE(held.isScalar());
-
-    // A subscriber of the vector takes the scalar as an array of none.
-    auto subscriber = middleware({{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "20"}})
-                          ->createSubscriber<m2Types::M2Int32Vector6>(psUri("M2Int32Vector6"));
-    std::vector<std::shared_ptr<m2Types::M2Int32Vector6>> got;
-    for (auto end = std::chrono::steady_clock::now() + kWait; got.empty() && std::chrono::steady_clock::now() < end;) {
-        got = subscriber->read(0);
-        std::this_thread::sleep_for(10ms);
-    }
-    ASSERT_FALSE(got.empty());
-    EXPECT_EQ(got.front()->getValue0().size(), 0u);
+    // A subscriber of the scalar receives the array's first element, one of the vector takes
+    // the scalar as an array of none.
+    const auto polling = middleware({{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "20"}});
+    auto scalar = polling->createSubscriber<Scalar>(psUri("M2Int32Value0"));
+    auto vector = polling->createSubscriber<Vector>(psUri("M2Int32Vector6"));
+    std::vector<std::shared_ptr<Scalar>> first;
+    std::vector<std::shared_ptr<Vector>> none;
+    ASSERT_TRUE(eventually([&] {
+        if (first.empty()) first = scalar->read(0);
+        if (none.empty()) none = vector->read(0);
+        return !first.empty() && !none.empty();
+    }));
+    EXPECT_EQ(first.front()->getValue0(), 7);
+    EXPECT_EQ(none.front()->getValue0().size(), 0u);
 }
 
 TEST_F(Differences, the_same_refusals_where_both_check) {

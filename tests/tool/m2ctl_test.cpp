@@ -352,6 +352,20 @@ TEST_F(M2ctlOnSimulator, check_conforms_and_names_each_planted_fault) {
     EXPECT_NE(o.out.find("\"checked\":1,\"ok\":0,\"mismatch\":0,\"missing\":1"), std::string::npos) << o.out;
 }
 
+std::string readFile(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+/// A log4cplus configuration that sends "orsa" at the level and above to the file, which it empties.
+std::string fileLogConfig(const std::string& name, const std::string& level, const std::string& file) {
+    std::remove(file.c_str());
+    return writeFile(name, "log4cplus.logger.orsa=" + level +
+                               ", F\nlog4cplus.appender.F=log4cplus::FileAppender\nlog4cplus.appender.F.File=" + file +
+                               "\nlog4cplus.appender.F.layout=log4cplus::SimpleLayout\n");
+}
+
 TEST(MiddlewareLogging, without_a_set_up_warnings_and_errors_go_to_stderr_in_one_line_format) {
     const std::regex line(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} (WARN |ERROR) orsa\.duvo\.opcua\.[a-z]+: .+)");
     const auto probe = [](const std::vector<std::string>& env) { return Program(LOGGING_PROBE, {}, env).finish(); };
@@ -365,19 +379,10 @@ TEST(MiddlewareLogging, without_a_set_up_warnings_and_errors_go_to_stderr_in_one
 
     // A file named by DUVO_LOG_CONFIG replaces the default; one that cannot be read is said once.
     const std::string logFile = ::testing::TempDir() + "probe.log";
-    std::remove(logFile.c_str());
-    const std::string config =
-        writeFile("probe.properties", "log4cplus.logger.orsa=ERROR, F\n"
-                                      "log4cplus.appender.F=log4cplus::FileAppender\n"
-                                      "log4cplus.appender.F.File=" +
-                                          logFile +
-                                          "\n"
-                                          "log4cplus.appender.F.layout=log4cplus::SimpleLayout\n");
+    const std::string config = fileLogConfig("probe.properties", "ERROR", logFile);
     o = probe({"DUVO_LOG_CONFIG=" + config});
     EXPECT_EQ(o.err, "");
-    std::stringstream logged;
-    logged << std::ifstream(logFile).rdbuf();
-    EXPECT_EQ(logged.str(), "ERROR - Subscriber already closed\n");
+    EXPECT_EQ(readFile(logFile), "ERROR - Subscriber already closed\n");
 
     o = probe({"DUVO_LOG_CONFIG=/nonexistent/duvo.properties"});
     ASSERT_EQ(lines(o.err).size(), 2u) << o.err;
@@ -389,21 +394,13 @@ TEST(MiddlewareLogging, without_a_set_up_warnings_and_errors_go_to_stderr_in_one
 
     // m2ctl --log-config: the middleware's TRACE lines where the file says.
     const std::string traceFile = ::testing::TempDir() + "m2ctl.log";
-    std::remove(traceFile.c_str());
-    const std::string trace =
-        writeFile("trace.properties", "log4cplus.logger.orsa=TRACE, F\n"
-                                      "log4cplus.appender.F=log4cplus::FileAppender\n"
-                                      "log4cplus.appender.F.File=" +
-                                          traceFile +
-                                          "\n"
-                                          "log4cplus.appender.F.layout=log4cplus::SimpleLayout\n");
+    const std::string trace = fileLogConfig("trace.properties", "TRACE", traceFile);
     o = run({"sub", "M2Int32Value0", "--endpoint", "opc.tcp://127.0.0.1:1", "--timeout", "100", "--log-config", trace});
     EXPECT_EQ(o.code, 1);
-    std::stringstream traced;
-    traced << std::ifstream(traceFile).rdbuf();
-    EXPECT_NE(traced.str().find("TRACE - Subscriber for opcua-ps://127.0.0.1:1#ns=1;s=M2Int32Value0 created"),
+    const std::string traced = readFile(traceFile);
+    EXPECT_NE(traced.find("TRACE - Subscriber for opcua-ps://127.0.0.1:1#ns=1;s=M2Int32Value0 created"),
               std::string::npos)
-        << traced.str();
+        << traced;
 }
 
 TEST(SimPrograms, serve_after_their_ready_line_until_sigterm_or_sigint_and_refuse_an_unknown_option) {
