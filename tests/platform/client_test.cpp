@@ -323,7 +323,7 @@ TEST_F(ClientTest, a_silent_server_keeps_the_session_and_a_restarted_one_gets_it
 
 // ---- registrations and ownership
 
-TEST_F(ClientTest, a_destroyed_monitor_handle_stops_callbacks_and_deletes_the_item) {
+TEST_F(ClientTest, a_destroyed_monitor_handle_stops_callbacks_and_deletes_the_item_and_what_its_callback_held) {
     std::atomic<bool> destroyed{false}, lateCall{false};
     std::atomic<int> calls{0};
     auto handle = client->monitor(node("Double"), 0, [&](UA_DataValue*) {
@@ -348,6 +348,15 @@ TEST_F(ClientTest, a_destroyed_monitor_handle_stops_callbacks_and_deletes_the_it
     writer.join();
     EXPECT_FALSE(lateCall);
     EXPECT_TRUE(eventually([&] { return server.itemsDeleted("Double") == 1; }));
+
+    // A callback that holds the last reference to another handle: ending the first ends the
+    // second when the client lets go of the callback, which must be outside its locks.
+    auto inner = std::make_shared<OpcUaClient::MonitorHandle>(client->monitor(node("Double"), 0, [](UA_DataValue*) {}));
+    auto outer = client->monitor(node("Double"), 0, [inner](UA_DataValue*) {});
+    inner.reset();
+    ASSERT_TRUE(eventually([&] { return server.itemsCreated("Double") == 3; }));
+    outer = OpcUaClient::MonitorHandle();
+    EXPECT_TRUE(eventually([&] { return server.itemsDeleted("Double") == 3; }));
 }
 
 TEST(Client, may_be_destroyed_on_its_own_threads_and_its_handles_may_outlive_it) {
