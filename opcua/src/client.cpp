@@ -401,7 +401,7 @@ OpcUaClient::addConnectionCallback(ConnectionCallback callback) {
 
 NotificationQueue<OpcUaClient::MonitoredNode>::Handle
 OpcUaClient::monitor(const UA_NodeId& nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> callback,
-                     std::function<void(UA_StatusCode)> onStatus) {
+                     std::function<void(const UA_NodeId&, UA_StatusCode)> onStatus) {
     return core_->monitor(nodeId, samplingIntervalMs, std::move(callback), std::move(onStatus));
 }
 

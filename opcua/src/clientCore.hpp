@@ -61,7 +61,8 @@ public:
     bool isConnected();
     ConnectionQueue::Handle addConnectionCallback(OpcUaClient::ConnectionCallback cb);
     MonitorQueue::Handle monitor(const UA_NodeId& nodeId, double samplingIntervalMs,
-                                 std::function<void(UA_DataValue*)> cb, std::function<void(UA_StatusCode)> onStatus);
+                                 std::function<void(UA_DataValue*)> cb,
+                                 std::function<void(const UA_NodeId&, UA_StatusCode)> onStatus);
 
     void submit(const std::shared_ptr<Pending>& p, void* request, Clock::time_point submitDeadline,
                 Clock::time_point replyDeadline, long replyTimeMs);
@@ -161,6 +162,20 @@ private:
     };
     // What one pass of maintainMonitoring sends, decided under the monitoring lock.
     struct MonitoringWork;
+    // The notifications of one turn, handed to the I/O context in one task: values taken
+    // from open62541 without a copy, freed once their callbacks ran (or with the batch).
+    struct Notification {
+        std::shared_ptr<MonitorQueue::Entry> entry;
+        UA_DataValue value;
+    };
+    struct NotificationBatch {
+        NotificationBatch() = default;
+        NotificationBatch(NotificationBatch&&) noexcept = default;
+        ~NotificationBatch() {
+            for (auto& n : items) UA_DataValue_clear(&n.value);
+        }
+        std::vector<Notification> items;
+    };
 
     enum class SendResult { Sent, NotConnected, Decided };
 
@@ -212,6 +227,7 @@ private:
     void createItems(MonitoringWork& work);
     void deleteItems(const MonitoringWork& work);
     void deleteStrayed(const MonitoringWork& work);
+    void postNotifications();
     // The subscription to delete at shutdown, if any (it is forgotten).
     std::optional<UA_UInt32> endMonitoring(bool sessionActivated);
 
@@ -257,6 +273,7 @@ private:
     Pipeline pipeline_;
     Drive drive_;
     Monitoring monitoring_;
+    NotificationBatch notifications_; // the driving thread's only
 
     ConnectionQueue connectionCallbacks_;
     MonitorQueue monitors_;

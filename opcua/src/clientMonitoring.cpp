@@ -42,7 +42,7 @@ void setSubscriptionTiming(Request& request, double publishingInterval) {
 
 MonitorQueue::Handle ClientCore::monitor(const UA_NodeId& nodeId, double samplingIntervalMs,
                                          std::function<void(UA_DataValue*)> cb,
-                                         std::function<void(UA_StatusCode)> onStatus) {
+                                         std::function<void(const UA_NodeId&, UA_StatusCode)> onStatus) {
     OpcUaClient::MonitoredNode node;
     node.nodeId = OpcUaClient::NodeId(nodeId);
     node.samplingIntervalMs = std::max(0.0, samplingIntervalMs);
@@ -390,7 +390,7 @@ void postStatus(boost::asio::io_context& io, std::shared_ptr<MonitorQueue::Entry
     boost::asio::post(io, [entry = std::move(entry), status] {
         MonitorQueue::invoke(*entry, [status](OpcUaClient::MonitoredNode& node) {
             try {
-                node.onStatus(status);
+                node.onStatus(*node.nodeId, status);
             } catch (const std::exception& e) {
                 std::cerr << "Exception occurred in monitored item status callback: " << e.what() << "\n";
             } catch (...) {
@@ -426,6 +426,7 @@ void ClientCore::onItemsCreated(UA_Client* client, void* userdata, UA_UInt32, vo
             continue;
         }
         const UA_MonitoredItemCreateResult& result = r->results[i];
+        record.entry->callback.firstVerdict.set(result.statusCode);
         if (record.entry->callback.onStatus) postStatus(core->io_, record.entry, result.statusCode);
         if (result.statusCode != UA_STATUSCODE_GOOD) {
             // Reported once: by the registration's owner when it listens, else here.
@@ -450,25 +451,34 @@ void ClientCore::onDataChange(UA_Client* client, UA_UInt32, void*, UA_UInt32, vo
     ClientCore* core = of(client);
     Monitoring& m = core->monitoring_;
     const auto key = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(monContext));
-    std::shared_ptr<MonitorQueue::Entry> entry;
     {
         std::lock_guard<std::mutex> lock(m.mutex);
         const auto it = m.items.find(key);
         if (core->stopping_.load() || it == m.items.end() || it->second.entry->removed.load()) return;
-        entry = it->second.entry;
+        core->notifications_.items.push_back(Notification{it->second.entry, *value});
     }
-    // The value is taken, not copied; open62541 clears what it leaves behind.
-    auto taken = UaShared<UA_DataValue>::take(*value);
-    boost::asio::post(core->io_, [entry = std::move(entry), taken = std::move(taken)] {
-        MonitorQueue::invoke(*entry, [&taken](OpcUaClient::MonitoredNode& node) {
-            try {
-                node.callback(taken.get());
-            } catch (const std::exception& e) {
-                std::cerr << "Exception occurred in monitored item callback: " << e.what() << "\n";
-            } catch (...) {
-                std::cerr << "Exception occurred in monitored item callback\n";
-            }
-        });
+    // Taken, not copied: open62541 clears what it leaves behind.
+    UA_DataValue_init(value);
+}
+
+void ClientCore::postNotifications() {
+    if (notifications_.items.empty()) return;
+    NotificationBatch batch;
+    batch.items.swap(notifications_.items);
+    boost::asio::post(io_, [batch = std::move(batch)]() mutable {
+        for (Notification& n : batch.items) {
+            MonitorQueue::invoke(*n.entry, [&n](OpcUaClient::MonitoredNode& node) {
+                try {
+                    node.callback(&n.value);
+                } catch (const std::exception& e) {
+                    std::cerr << "Exception occurred in monitored item callback: " << e.what() << "\n";
+                } catch (...) {
+                    std::cerr << "Exception occurred in monitored item callback\n";
+                }
+            });
+            UA_DataValue_clear(&n.value);
+            n.entry.reset(); // what its callback holds goes now, not with the batch
+        }
     });
 }
 

@@ -100,6 +100,7 @@ void ClientCore::iterate(Clock::time_point limit) {
         std::lock_guard<std::mutex> lock(pipeline_.mutex);
         pipeline_.plannedWake = Clock::time_point::min();
     }
+    postNotifications();
     fulfilCompleted();
 }
 

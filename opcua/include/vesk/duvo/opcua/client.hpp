@@ -1,5 +1,6 @@
 #pragma once
 // The shared OPC UA connection to one server endpoint.
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -89,7 +90,29 @@ public:
         double samplingIntervalMs = 0;
         std::function<void(UA_DataValue*)> callback;
         /// The server's verdict each time the item is made there (Good, or why it refused).
-        std::function<void(UA_StatusCode)> onStatus;
+        std::function<void(const UA_NodeId&, UA_StatusCode)> onStatus;
+        /// The server's first verdict, set once by the driving thread as it arrives (before
+        /// onStatus is posted): a thread that waits for it while driving the loop needs no
+        /// other thread.
+        class FirstVerdict {
+        public:
+            FirstVerdict() = default;
+            FirstVerdict(FirstVerdict&& other) noexcept : value_(other.value_.load()) {}
+            FirstVerdict& operator=(FirstVerdict&& other) noexcept {
+                value_.store(other.value_.load());
+                return *this;
+            }
+            void set(UA_StatusCode status) noexcept {
+                std::uint64_t none = 0;
+                value_.compare_exchange_strong(none, answered | status);
+            }
+            bool has() const noexcept { return value_.load() != 0; }
+            UA_StatusCode get() const noexcept { return static_cast<UA_StatusCode>(value_.load()); }
+
+        private:
+            static constexpr std::uint64_t answered = std::uint64_t(1) << 32;
+            std::atomic<std::uint64_t> value_{0};
+        } firstVerdict;
         /// Maintained by the client under its monitoring lock: its key for the item, and the server's ids
         /// while the item exists there.
         std::uint64_t clientKey = 0;
@@ -122,12 +145,13 @@ public:
     /// it. The subscription's publishing interval follows the smallest registered interval, at
     /// most 100 ms, and each item's first value comes with the first publish after it is made.
     /// Items are re-created once when a new session replaces a lost one; a refused item is
-    /// tried again only then. onStatus (optional, same thread) gets the server's verdict each
-    /// time the item is made: whoever passes it reports a refusal, the client only traces it.
+    /// tried again only then. onStatus (optional, same thread) gets the node and the server's
+    /// verdict each time the item is made: whoever passes it reports a refusal, the client only
+    /// traces it.
     /// Destroying the handle deletes the item on the server.
-    NotificationQueue<MonitoredNode>::Handle monitor(const UA_NodeId& nodeId, double samplingIntervalMs,
-                                                     std::function<void(UA_DataValue*)> callback,
-                                                     std::function<void(UA_StatusCode)> onStatus = {});
+    NotificationQueue<MonitoredNode>::Handle
+    monitor(const UA_NodeId& nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> callback,
+            std::function<void(const UA_NodeId&, UA_StatusCode)> onStatus = {});
 
     /// One read of the Value attribute per node id, for readValuesAsync.
     std::vector<ReadValueId> makeReadValueIds(const std::vector<NodeId>& nodeIds);

@@ -13,27 +13,39 @@ DataMonitorCore::DataMonitorCore(const DeliverySink& sink, const std::shared_ptr
                                  const std::vector<NodeId>& nodeIds, double samplingIntervalMs,
                                  DataPollerCore* triggeredPoller, std::chrono::milliseconds verdictWait)
     : logger_(log4cplus::Logger::getInstance("orsa.duvo.opcua.subscriber")), sink_(sink), poller_(triggeredPoller) {
-    // Verdicts come on the I/O-context thread: a subscriber made there cannot wait for them.
+    // The I/O-context thread runs the verdicts' callbacks: a subscriber made there does not wait.
     verdicts_.waiting = verdictWait.count() > 0 && client->isConnected() &&
                         !client->ioContext().get_executor().running_in_this_thread();
-    verdicts_.status.resize(nodeIds.size());
+    verdicts_.first.resize(nodeIds.size());
     if (sink.watchesConnection)
         connectionHandle_ =
             client->addConnectionCallback([this](bool connected) { onConnectionStatusChange(connected); });
+    itemHandles_.reserve(nodeIds.size());
     for (std::size_t i = 0; i < nodeIds.size(); ++i)
         itemHandles_.push_back(client->monitor(
             *nodeIds[i], samplingIntervalMs, [this](UA_DataValue* value) { onMonitoredDataChange(value); },
-            [this, i, node = nodeIdToString(*nodeIds[i])](UA_StatusCode status) { onItemStatus(i, node, status); }));
+            [this, i](const UA_NodeId& node, UA_StatusCode status) { onItemStatus(i, node, status); }));
     if (!verdicts_.waiting) return;
-    std::unique_lock<std::mutex> lock(verdicts_.mutex);
-    verdicts_.answered.wait_for(lock, verdictWait, [this] {
-        return std::all_of(verdicts_.status.begin(), verdicts_.status.end(),
-                           [](const auto& s) { return s.has_value(); });
-    });
+    // This thread drives the client's loop until the verdicts are in: they need no other thread.
+    client->awaitReady(
+        [](const void* self) {
+            const auto& handles = static_cast<const DataMonitorCore*>(self)->itemHandles_;
+            return std::all_of(handles.begin(), handles.end(),
+                               [](const auto& h) { return h.entry()->callback.firstVerdict.has(); });
+        },
+        this, OpcUaClient::Clock::now() + verdictWait);
+    std::lock_guard<std::mutex> lock(verdicts_.mutex);
     verdicts_.waiting = false; // an item still unanswered is reported when its verdict comes
-    for (std::size_t i = 0; i < nodeIds.size(); ++i)
-        if (verdicts_.status[i] && *verdicts_.status[i] != UA_STATUSCODE_GOOD)
-            throw std::runtime_error(refusal(nodeIdToString(*nodeIds[i]), *verdicts_.status[i]));
+    std::optional<std::size_t> refused;
+    for (std::size_t i = 0; i < nodeIds.size(); ++i) {
+        const auto& verdict = itemHandles_[i].entry()->callback.firstVerdict;
+        if (!verdict.has()) continue;
+        verdicts_.first[i] |= Claimed;
+        if (!refused && verdict.get() != UA_STATUSCODE_GOOD) refused = i;
+    }
+    if (refused)
+        throw std::runtime_error(
+            refusal(nodeIdToString(*nodeIds[*refused]), itemHandles_[*refused].entry()->callback.firstVerdict.get()));
 }
 
 DataMonitorCore::~DataMonitorCore() = default;
@@ -58,17 +70,17 @@ void DataMonitorCore::onConnectionStatusChange(bool connected) {
     if (!connected) sink_.connectionLost();
 }
 
-void DataMonitorCore::onItemStatus(std::size_t item, const std::string& node, UA_StatusCode status) {
+void DataMonitorCore::onItemStatus(std::size_t item, const UA_NodeId& node, UA_StatusCode status) {
     {
         std::lock_guard<std::mutex> lock(verdicts_.mutex);
-        if (verdicts_.waiting) {
-            verdicts_.status[item] = status;
-            verdicts_.answered.notify_all();
-            return;
-        }
+        const bool first = (verdicts_.first[item] & Seen) == 0;
+        verdicts_.first[item] |= Seen;
+        // The first verdict is set before its callback is posted: a constructor still
+        // waiting sees it and reports it.
+        if (first && (verdicts_.waiting || (verdicts_.first[item] & Claimed) != 0)) return;
     }
     if (status == UA_STATUSCODE_GOOD) return;
-    LOG4CPLUS_ERROR(logger_, refusal(node, status));
+    LOG4CPLUS_ERROR(logger_, refusal(nodeIdToString(node), status));
     if (sink_.watchesConnection) sink_.connectionLost();
 }
 

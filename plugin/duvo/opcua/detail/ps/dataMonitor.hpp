@@ -1,7 +1,7 @@
 #pragma once
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -58,7 +58,7 @@ public:
 
     /// A refusal after construction (a new session, a server that lost the node) is one
     /// ERROR and, for a queue, a lost source (not alive, if it was alive): no value will come.
-    void onItemStatus(std::size_t item, const std::string& node, UA_StatusCode status);
+    void onItemStatus(std::size_t item, const UA_NodeId& node, UA_StatusCode status);
 
     static std::string refusal(const std::string& node, UA_StatusCode status);
 
@@ -66,11 +66,13 @@ private:
     log4cplus::Logger logger_;
     const DeliverySink& sink_;
     DataPollerCore* poller_;
+    // Each item's first verdict is reported once: by the constructor when it waited for it,
+    // else by onItemStatus.
+    enum Verdict : std::uint8_t { Claimed = 1, Seen = 2 };
     struct {
         std::mutex mutex;
-        std::condition_variable answered;
-        bool waiting = false; // the constructor waits, and reports a refusal itself
-        std::vector<std::optional<UA_StatusCode>> status;
+        bool waiting = false; // the constructor waits, and reports what it sees itself
+        std::vector<std::uint8_t> first;
     } verdicts_;
     NotificationQueue<std::function<void(bool)>>::Handle connectionHandle_;
     std::vector<NotificationQueue<OpcUaClient::MonitoredNode>::Handle> itemHandles_;
