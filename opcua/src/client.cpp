@@ -402,7 +402,13 @@ OpcUaClient::addConnectionCallback(ConnectionCallback callback) {
 NotificationQueue<OpcUaClient::MonitoredNode>::Handle
 OpcUaClient::monitor(const UA_NodeId& nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> callback,
                      std::function<void(const UA_NodeId&, UA_StatusCode)> onStatus) {
-    return core_->monitor(nodeId, samplingIntervalMs, std::move(callback), std::move(onStatus));
+    return core_->monitor(NodeId(nodeId), samplingIntervalMs, std::move(callback), std::move(onStatus));
+}
+
+NotificationQueue<OpcUaClient::MonitoredNode>::Handle
+OpcUaClient::monitor(NodeId nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> callback,
+                     std::function<void(const UA_NodeId&, UA_StatusCode)> onStatus) {
+    return core_->monitor(std::move(nodeId), samplingIntervalMs, std::move(callback), std::move(onStatus));
 }
 
 std::vector<OpcUaClient::ReadValueId> OpcUaClient::makeReadValueIds(const std::vector<NodeId>& nodeIds) {

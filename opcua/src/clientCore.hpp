@@ -60,7 +60,7 @@ public:
     void asyncConnect();
     bool isConnected();
     ConnectionQueue::Handle addConnectionCallback(OpcUaClient::ConnectionCallback cb);
-    MonitorQueue::Handle monitor(const UA_NodeId& nodeId, double samplingIntervalMs,
+    MonitorQueue::Handle monitor(OpcUaClient::NodeId nodeId, double samplingIntervalMs,
                                  std::function<void(UA_DataValue*)> cb,
                                  std::function<void(const UA_NodeId&, UA_StatusCode)> onStatus);
 

@@ -40,11 +40,11 @@ void setSubscriptionTiming(Request& request, double publishingInterval) {
 // ---------------------------------------------------------------------------------------------
 // Monitored items
 
-MonitorQueue::Handle ClientCore::monitor(const UA_NodeId& nodeId, double samplingIntervalMs,
+MonitorQueue::Handle ClientCore::monitor(OpcUaClient::NodeId nodeId, double samplingIntervalMs,
                                          std::function<void(UA_DataValue*)> cb,
                                          std::function<void(const UA_NodeId&, UA_StatusCode)> onStatus) {
     OpcUaClient::MonitoredNode node;
-    node.nodeId = OpcUaClient::NodeId(nodeId);
+    node.nodeId = std::move(nodeId);
     node.samplingIntervalMs = std::max(0.0, samplingIntervalMs);
     node.callback = std::move(cb);
     node.onStatus = std::move(onStatus);

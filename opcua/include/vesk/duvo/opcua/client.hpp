@@ -152,6 +152,10 @@ public:
     NotificationQueue<MonitoredNode>::Handle
     monitor(const UA_NodeId& nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> callback,
             std::function<void(const UA_NodeId&, UA_StatusCode)> onStatus = {});
+    /// As above, sharing the node id instead of copying it.
+    NotificationQueue<MonitoredNode>::Handle
+    monitor(NodeId nodeId, double samplingIntervalMs, std::function<void(UA_DataValue*)> callback,
+            std::function<void(const UA_NodeId&, UA_StatusCode)> onStatus = {});
 
     /// One read of the Value attribute per node id, for readValuesAsync.
     std::vector<ReadValueId> makeReadValueIds(const std::vector<NodeId>& nodeIds);

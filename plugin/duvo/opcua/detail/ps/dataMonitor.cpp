@@ -23,7 +23,7 @@ DataMonitorCore::DataMonitorCore(const DeliverySink& sink, const std::shared_ptr
     itemHandles_.reserve(nodeIds.size());
     for (std::size_t i = 0; i < nodeIds.size(); ++i)
         itemHandles_.push_back(client->monitor(
-            *nodeIds[i], samplingIntervalMs, [this](UA_DataValue* value) { onMonitoredDataChange(value); },
+            nodeIds[i], samplingIntervalMs, [this](UA_DataValue* value) { onMonitoredDataChange(value); },
             [this, i](const UA_NodeId& node, UA_StatusCode status) { onItemStatus(i, node, status); }));
     if (!verdicts_.waiting) return;
     // This thread drives the client's loop until the verdicts are in: they need no other thread.

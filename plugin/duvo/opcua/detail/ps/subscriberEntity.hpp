@@ -29,7 +29,8 @@ struct SubscriberSources {
     void stop() noexcept;
 
     std::optional<DataMonitorCore> monitor;
-    std::optional<DataPollerCore> poller;
+    // Apart: most subscribers monitor, and a poller is the bigger of the two.
+    std::unique_ptr<DataPollerCore> poller;
 };
 
 /// The store's untyped face, as its sink takes it.
@@ -74,8 +75,8 @@ public:
     }
 
     bool hasMonitor() const noexcept { return sources_.monitor.has_value(); }
-    bool hasPoller() const noexcept { return sources_.poller.has_value(); }
-    const Poller* getPoller() const noexcept { return sources_.poller ? &*sources_.poller : nullptr; }
+    bool hasPoller() const noexcept { return sources_.poller != nullptr; }
+    const Poller* getPoller() const noexcept { return sources_.poller.get(); }
 
 protected:
     /// coreArguments build the store; the rest is the base entity's.

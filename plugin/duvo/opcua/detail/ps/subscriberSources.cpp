@@ -10,14 +10,14 @@ void SubscriberSources::start(const DeliverySink& sink, const std::shared_ptr<Op
     const bool usePoll = getDuvoProperty<bool>(properties, "opc.ps.usePollSubscriber", false);
     const int periodMs = getDuvoProperty<int>(properties, "opc.ps.pollingPeriodMs", 1000);
     if (usePoll) {
-        poller.emplace(sink, client, nodeIds, periodMs);
+        poller = std::make_unique<DataPollerCore>(sink, client, nodeIds, periodMs);
     } else {
         // A type spread over several nodes is never assembled from single notifications:
         // each one triggers a consistent read of all nodes.
-        if (nodeIds.size() > 1) poller.emplace(sink, client, nodeIds, 0);
+        if (nodeIds.size() > 1) poller = std::make_unique<DataPollerCore>(sink, client, nodeIds, 0);
         // A node the server refuses fails the construction, within the submit timeout.
         const int verdictMs = getDuvoProperty<int>(properties, "opc.asyncCallSubmitTimeoutMs", 1000);
-        monitor.emplace(sink, client, nodeIds, static_cast<double>(periodMs), poller ? &*poller : nullptr,
+        monitor.emplace(sink, client, nodeIds, static_cast<double>(periodMs), poller.get(),
                         std::chrono::milliseconds(verdictMs));
     }
 }
