@@ -9,6 +9,7 @@
 // --load N keeps N other processes busy for the whole run, as a control computer that also
 // compiles, logs or draws is: both sides are measured under the same load.
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -42,6 +43,7 @@
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
 #include <vesk/duvo/sim/nodeLayout.hpp>
 
+#include "endpoints.hpp"
 #include "rawClient.hpp"
 #include "scale.hpp"
 #include "secureSetup.hpp"
@@ -456,6 +458,33 @@ int benchMain(const Options& options) {
                      publishPipelined(stringsPublisher, stringsSample),
                      rawWrite(stringsNode, stringsVariant, inFlight)});
 
+    // Eight application threads publishing at once, each through a publisher of its own, on one
+    // endpoint, without waiting but for the last reply; raw keeps 32 writes in flight from one thread.
+    constexpr std::size_t fanIn = 8;
+    std::vector<std::unique_ptr<vesk::duvo::ps::Publisher<m2Types::M2FloatValue0>>> fanInPublishers;
+    std::vector<std::shared_ptr<m2Types::M2FloatValue0>> fanInSamples;
+    for (std::size_t i = 0; i < fanIn && wanted("publish_fanin"); ++i) {
+        fanInPublishers.push_back(duvo->createPublisher<m2Types::M2FloatValue0>(psUri("M2FloatValue0")));
+        fanInSamples.push_back(fanInPublishers.back()->createDataEntity());
+        fanInSamples.back()->setValue0(scalar);
+    }
+    pairs.push_back({figure("publish_fanin8", "/s", true, 2.0),
+                     [&]() -> std::size_t {
+                         std::atomic<std::size_t> total{0};
+                         const auto until = Clock::now() + 50ms;
+                         std::vector<std::thread> threads;
+                         for (std::size_t t = 0; t < fanIn; ++t)
+                             threads.emplace_back([&, t] {
+                                 std::size_t n = 1;
+                                 for (; Clock::now() < until; ++n) fanInPublishers[t]->publish(*fanInSamples[t], 0ms);
+                                 fanInPublishers[t]->publish(*fanInSamples[t], publishTimeout);
+                                 total += n;
+                             });
+                         for (auto& thread : threads) thread.join();
+                         return total.load();
+                     },
+                     rawWrite(floatNode, floatVariant, inFlight)});
+
     pairs.push_back({figure("rpc_sync_force_ads15", "/s", true, 1.0),
                      [&]() -> std::size_t {
                          check(adsSync->RPC_ForceSetpointAds(forces[14], forces[13], forces[12], forces[11], forces[10],
@@ -702,6 +731,20 @@ int benchMain(const Options& options) {
         figures.push_back(delivery);
     }
 
+    // Many endpoints in one process: a fresh process per side. The threads' raw figure is the one
+    // thread that drives all of open62541's clients; the isolation row compares ours with one
+    // endpoint black-holed ("ours") against ours with all of them healthy ("raw").
+    if (wanted("endpoints")) {
+        constexpr std::size_t endpoints = 20;
+        const EndpointsResult o = runEndpoints(self, "ours", endpoints);
+        const EndpointsResult r = runEndpoints(self, "raw", endpoints);
+        const std::string prefix = "endpoints" + std::to_string(endpoints) + "_";
+        figures.push_back(Figure{prefix + "threads", "", false, 0.25, {o.threads}, {r.threads}});
+        figures.push_back(
+            Figure{prefix + "rss_per_endpoint", "B", false, 0.0, {o.bytesPerEndpoint}, {r.bytesPerEndpoint}});
+        figures.push_back(Figure{prefix + "isolation_p99", "us", false, 0.8, {o.p99OneBlackholedUs}, {o.p99HealthyUs}});
+    }
+
     std::vector<Figure> shown;
     for (std::size_t i = 0; i < figures.size(); ++i)
         if (i >= measured.size() || measured[i]) shown.push_back(figures[i]);
@@ -724,6 +767,8 @@ int main(int argc, char** argv) {
             return duvo::bench::serveMain(std::vector<std::string>(args.begin() + 1, args.end()));
         if (args.size() == 4 && args[0] == "--scale-run")
             return duvo::bench::scaleMain(args[1], std::stoul(args[2]), args[3]);
+        if (args.size() == 3 && args[0] == "--endpoints-run")
+            return duvo::bench::endpointsMain(duvo::bench::selfPath(), args[1], std::stoul(args[2]));
         Options options;
         for (std::size_t i = 0; i < args.size(); ++i) {
             const bool hasValue = i + 1 < args.size();

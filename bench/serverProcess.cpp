@@ -8,6 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -56,7 +57,8 @@ int serveMain(const std::vector<std::string>& args) {
 ServerProcess::ServerProcess(const std::string& self, const std::vector<std::string>& args) {
     int toChild[2];
     int fromChild[2];
-    if (pipe(toChild) != 0 || pipe(fromChild) != 0)
+    // Close-on-exec: a server started later must not hold this one's input open.
+    if (pipe2(toChild, O_CLOEXEC) != 0 || pipe2(fromChild, O_CLOEXEC) != 0)
         throw std::runtime_error("pipe: " + std::string(std::strerror(errno)));
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
