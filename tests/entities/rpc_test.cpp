@@ -32,12 +32,12 @@ void expectArgument(const OwnedVariant& got, int position) {
     SCOPED_TRACE("argument " + std::to_string(position));
     const P sent = argument<P>(position);
     if constexpr (std::is_arithmetic_v<P>) {
-        ASSERT_TRUE(got.hasType(interop::uaTypeOf<P>()));
+        ASSERT_TRUE(got.hasType(uaTypeOf<P>()));
         ASSERT_TRUE(got.isScalar());
         EXPECT_EQ(got.at<P>(), sent);
     } else {
         using E = typename P::value_type;
-        ASSERT_TRUE(got.hasType(interop::uaTypeOf<E>()));
+        ASSERT_TRUE(got.hasType(uaTypeOf<E>()));
         ASSERT_FALSE(got.isScalar());
         ASSERT_EQ(got.arrayLength(), sent.size());
         for (std::size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(got.at<E>(i), sent[i]);

@@ -10,9 +10,6 @@
 namespace duvo::test {
 namespace {
 
-using interop::RawClient;
-using interop::stringNode;
-
 /// One attribute as text: its value, or its status when it has none.
 std::string attribute(RawClient& client, const UA_NodeId& node, UA_AttributeId id) {
     UA_DataValue dv = client.readAttribute(node, id);
