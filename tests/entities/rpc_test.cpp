@@ -119,9 +119,6 @@ protected:
     std::string uri(const std::string& endpoint = simulator->endpoint()) const {
         return rrUri("PsRpcSetpower", "RPC_SetPower", endpoint);
     }
-    static RrQoS replyTime(std::chrono::milliseconds ms) {
-        return {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(ms)};
-    }
 };
 
 TEST_F(RpcTest, uri_and_property_faults_are_refused_at_construction) {

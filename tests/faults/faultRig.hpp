@@ -24,27 +24,18 @@
 #include <duvo/opcua/detail/ps/subscriber.hpp>
 #include <generated/opcua/m2Types/m2Types.hpp>
 #include <generated/opcua/m2Types/rpc.hpp>
-#include <vesk/duvo/sim/faultProxy.hpp>
 
+#include "support/prelude.hpp"
 #include "support/simulatorFixture.hpp"
 
-namespace duvo::faults {
+namespace duvo::test {
 
-using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using vesk::duvo::opcua::detail::OpcUaDuvo;
 using vesk::duvo::opcua::detail::ps::EntityState;
 using vesk::duvo::opcua::detail::ps::OpcUaMrvSubscriber;
 using vesk::duvo::opcua::detail::ps::OpcUaPublisher;
 using vesk::duvo::opcua::detail::ps::OpcUaSubscriber;
-using vesk::duvo::ps::DataEvent;
-using vesk::duvo::ps::DataEventFilter;
-using vesk::duvo::ps::InstanceState;
-using PsQoS = std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>;
-using RrQoS = std::vector<std::shared_ptr<vesk::duvo::rr::qos::QoS>>;
-using Properties = vesk::duvo::Duvo::Properties;
-/// The device's value: subscribers receive it, nobody publishes to it.
-using T = m2Types::M2Int32Value0;
+/// The device's value is T: subscribers receive it, nobody publishes to it.
 using ST = generated::opcua::m2Types::M2Int32Value0;
 /// The application's value: publishers write it.
 using P = m2Types::M2FloatVector6;
@@ -65,8 +56,6 @@ std::shared_ptr<Entity> make(const std::string& uri, const Properties& propertie
     entity->setState(EntityState::Initialized);
     return entity;
 }
-
-inline RrQoS replyTime(std::chrono::milliseconds ms) { return {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(ms)}; }
 
 /// Measured times, printed as count, median and worst when it goes: figures, never assertions.
 class Figures {
@@ -226,24 +215,6 @@ inline bool isPublishFailure(const std::string& text) {
            text.rfind("client shut down: ", 0) == 0;
 }
 
-/// Runs `step` over and over on a thread of its own until destroyed.
-class Loop {
-public:
-    template <class Step>
-    explicit Loop(Step step)
-        : thread_([this, step]() mutable {
-              while (!stop_.load()) step();
-          }) {}
-    ~Loop() {
-        stop_ = true;
-        thread_.join();
-    }
-
-private:
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
-
 inline PT applicationSample(int seed) {
     vesk::duvo::shared_vector<float> v(6);
     for (int i = 0; i < 6; ++i) v[i] = static_cast<float>(seed + i);
@@ -252,4 +223,4 @@ inline PT applicationSample(int seed) {
     return sample;
 }
 
-} // namespace duvo::faults
+} // namespace duvo::test

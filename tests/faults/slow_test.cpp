@@ -2,10 +2,10 @@
 // threads at once, and a reply that comes after its deadline harms nothing.
 #include "faults/faultRig.hpp"
 
-namespace duvo::faults {
+namespace duvo::test {
 namespace {
 
-class SlowServer : public duvo::test::SimulatorSuite {
+class SlowServer : public SimulatorSuite {
 protected:
     /// Runs request, which must fail with one of the texts, and checks when it ended.
     template <class F>
@@ -134,4 +134,4 @@ TEST_F(SlowServer, late_reads_of_a_poll_hold_up_no_other_entity_on_the_endpoint)
 }
 
 } // namespace
-} // namespace duvo::faults
+} // namespace duvo::test

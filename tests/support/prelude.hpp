@@ -42,6 +42,7 @@ const Properties monitoredProps{{"opc.ps.pollingPeriodMs", "0"}};
 inline Properties polledProps(int periodMs) {
     return {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", std::to_string(periodMs)}};
 }
+inline RrQoS replyTime(std::chrono::milliseconds ms) { return {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(ms)}; }
 
 /// How long a publish, a call or a delivery may take: the first of an entity waits for its
 /// session, which node-opcua sets up in seconds on a loaded machine.
@@ -128,6 +129,24 @@ private:
     bool additive_;
     Appender* appender_ = new Appender;
     log4cplus::SharedAppenderPtr held_{appender_};
+};
+
+/// Runs `step` over and over on a thread of its own until destroyed.
+class Loop {
+public:
+    template <class Step>
+    explicit Loop(Step step)
+        : thread_([this, step]() mutable {
+              while (!stop_.load()) step();
+          }) {}
+    ~Loop() {
+        stop_ = true;
+        thread_.join();
+    }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
 };
 
 /// The text of the E that f() throws, or "" when it returns.
