@@ -201,20 +201,6 @@ private:
     std::vector<std::string> texts_;
 };
 
-/// The client's failure texts, each followed by ": " and details.
-inline bool isClientFailure(const std::string& text) {
-    for (const char* prefix : {"timeout: ", "not connected: ", "connection lost: ", "client shut down: "})
-        if (text.rfind(prefix, 0) == 0) return true;
-    return false;
-}
-
-/// What a publish that waits may say: its own timeout (also when the client gave the write up
-/// unsent), or why the client lost it after sending it.
-inline bool isPublishFailure(const std::string& text) {
-    return text == "timeout when publishing" || text.rfind("connection lost: ", 0) == 0 ||
-           text.rfind("client shut down: ", 0) == 0;
-}
-
 inline PT applicationSample(int seed) {
     vesk::duvo::shared_vector<float> v(6);
     for (int i = 0; i < 6; ++i) v[i] = static_cast<float>(seed + i);
