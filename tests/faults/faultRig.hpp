@@ -57,6 +57,29 @@ std::shared_ptr<Entity> make(const std::string& uri, const Properties& propertie
     return entity;
 }
 
+/// A refused request: what it said, whether as a timeout, and how long it took.
+struct Refusal {
+    std::string text;
+    double ms = 0;
+    bool refused = false;
+    bool timedOut = false;
+};
+
+template <class F>
+Refusal timed(F request) {
+    Refusal out;
+    const auto start = Clock::now();
+    try {
+        request();
+    } catch (const std::exception& e) {
+        out.text = e.what();
+        out.refused = true;
+        out.timedOut = dynamic_cast<const vesk::duvo::TimeoutException*>(&e) != nullptr;
+    }
+    out.ms = msSince(start);
+    return out;
+}
+
 /// Measured times, printed as count, median and worst when it goes: figures, never assertions.
 class Figures {
 public:
@@ -84,30 +107,23 @@ private:
 class Device {
 public:
     explicit Device(vesk::duvo::sim::Simulator& sim)
-        : thread_([this, &sim] {
-              while (!stop_.load()) {
-                  std::int32_t value = next_.fetch_add(1);
-                  UA_Variant v;
-                  UA_Variant_setScalar(&v, &value, &UA_TYPES[UA_TYPES_INT32]);
-                  try {
-                      sim.write("M2Int32Value0", v);
-                  } catch (const std::exception&) {
-                      // the server is stopped
-                  }
-                  std::this_thread::sleep_for(2ms);
+        : loop_([this, &sim] {
+              std::int32_t value = next_.fetch_add(1);
+              UA_Variant v;
+              UA_Variant_setScalar(&v, &value, &UA_TYPES[UA_TYPES_INT32]);
+              try {
+                  sim.write("M2Int32Value0", v);
+              } catch (const std::exception&) {
+                  // the server is stopped
               }
+              std::this_thread::sleep_for(2ms);
           }) {}
-    ~Device() {
-        stop_ = true;
-        thread_.join();
-    }
     /// Every value written from now on is at least this.
     std::int32_t mark() const { return next_.load(); }
 
 private:
-    std::atomic<std::int32_t> next_{1};
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    std::atomic<std::int32_t> next_{1}; // before the loop that uses it
+    Loop loop_;
 };
 
 /// Everything one queued subscriber delivered, read as events (valid and not alive alike).

@@ -7,29 +7,6 @@
 namespace duvo::test {
 namespace {
 
-/// A refused request: what it said, whether as a timeout, and how long it took.
-struct Refusal {
-    std::string text;
-    double ms = 0;
-    bool refused = false;
-    bool timedOut = false;
-};
-
-template <class F>
-Refusal timed(F request) {
-    Refusal out;
-    const auto start = Clock::now();
-    try {
-        request();
-    } catch (const std::exception& e) {
-        out.text = e.what();
-        out.refused = true;
-        out.timedOut = dynamic_cast<const vesk::duvo::TimeoutException*>(&e) != nullptr;
-    }
-    out.ms = msSince(start);
-    return out;
-}
-
 class Outages : public SimulatorSuite {
 protected:
     /// `outages` times: the server stops and starts again, or (silent) the proxy drops every
