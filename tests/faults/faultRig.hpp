@@ -43,10 +43,6 @@ using PT = generated::opcua::m2Types::M2FloatVector6;
 using AsyncClient = generated::opcua::m2Types::PsRpcSetpowerAsyncImpl;
 using SyncClient = generated::opcua::m2Types::PsRpcSetpowerSyncImpl;
 
-inline double msSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
 /// An entity made from the plug-in's classes, initialised as the entry points leave it: unlike
 /// the typed helpers, entities with different properties can share one middleware's client.
 template <class Entity>

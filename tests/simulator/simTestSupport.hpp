@@ -1,13 +1,12 @@
 #pragma once
 // One simulator and one client of it for the simulator's tests.
-#include <chrono>
 #include <mutex>
 #include <stdexcept>
-#include <thread>
 
 #include <vesk/duvo/sim/simulator.hpp>
 
 #include "support/rawClient.hpp"
+#include "support/waits.hpp"
 
 namespace duvo::simtest {
 
@@ -33,17 +32,6 @@ inline const RawClient& sharedClient() {
     sharedSimulator(); // constructed first, so destroyed after the client
     static RawClient client(sharedSimulator().endpoint());
     return client;
-}
-
-/// Polls cond until it holds or the bound passes.
-template <class Cond>
-bool eventually(Cond cond, std::chrono::milliseconds bound = std::chrono::seconds(5)) {
-    const auto deadline = std::chrono::steady_clock::now() + bound;
-    while (!cond()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
 }
 
 } // namespace duvo::simtest

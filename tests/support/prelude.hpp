@@ -22,10 +22,10 @@
 #include <vesk/duvo/sim/faultProxy.hpp>
 
 #include "support/sampleValues.hpp"
+#include "support/waits.hpp"
 
 namespace duvo::test {
 
-using namespace std::chrono_literals;
 using vesk::duvo::opcua::detail::OpcUaDuvo;
 using vesk::duvo::ps::DataEvent;
 using vesk::duvo::ps::DataEventFilter;
@@ -47,15 +47,6 @@ inline RrQoS replyTime(std::chrono::milliseconds ms) { return {std::make_shared<
 /// How long a publish, a call or a delivery may take: the first of an entity waits for its
 /// session, which node-opcua sets up in seconds on a loaded machine.
 constexpr std::chrono::milliseconds kWait = 10000ms;
-
-/// Waits until check() holds; false when the time is up.
-template <class Check>
-bool eventually(Check check, std::chrono::milliseconds within = kWait) {
-    for (const auto end = std::chrono::steady_clock::now() + within;; std::this_thread::sleep_for(5ms)) {
-        if (check()) return true;
-        if (std::chrono::steady_clock::now() >= end) return false;
-    }
-}
 
 /// Reads from the queue until a sample with the value arrives.
 template <class Type>
@@ -162,16 +153,5 @@ private:
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
-
-/// The text of the E that f() throws, or "" when it returns.
-template <class E = std::exception, class F>
-std::string failure(F f) {
-    try {
-        f();
-        return "";
-    } catch (const E& e) {
-        return e.what();
-    }
-}
 
 } // namespace duvo::test
