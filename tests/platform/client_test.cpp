@@ -56,8 +56,6 @@ inline boost::future<OpcUaClient::CallResponse> callSleep(OpcUaClient& client, U
     return client.callMethodsAsync(&call, 1, Clock::now() + submit, replyTimeMs);
 }
 
-inline bool startsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
-
 /// A test server and a client connected to it.
 class ClientTest : public ::testing::Test {
 protected:

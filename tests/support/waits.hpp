@@ -6,6 +6,8 @@
 #include <string>
 #include <thread>
 
+#include <gtest/gtest.h>
+
 namespace duvo::test {
 
 using namespace std::chrono_literals;
@@ -32,6 +34,11 @@ std::string failure(F f) {
     } catch (const E& e) {
         return e.what();
     }
+}
+
+inline ::testing::AssertionResult startsWith(const std::string& text, const std::string& prefix) {
+    if (text.rfind(prefix, 0) == 0) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "\"" << text << "\" does not begin with \"" << prefix << "\"";
 }
 
 } // namespace duvo::test

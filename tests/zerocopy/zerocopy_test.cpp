@@ -33,6 +33,7 @@
 
 #include "support/sampleValues.hpp"
 #include "support/typeFilter.hpp"
+#include "support/waits.hpp"
 #include "tool/program.hpp"
 
 namespace {
@@ -161,17 +162,14 @@ TEST_F(ZeroCopy,
         const auto next = matrix(100.0 * round);
         sample->setValue0(next);
         publisher->publish(*sample, 2000ms);
-        bool seen = false;
-        for (const auto end = std::chrono::steady_clock::now() + 5s; !seen && std::chrono::steady_clock::now() < end;) {
-            std::vector<std::shared_ptr<vesk::duvo::ps::DataEvent<Matrix>>> events;
-            subscriber->readDataEvents(vesk::duvo::ps::DataEventFilter<Matrix>(), events, 1, 500ms);
-            for (const auto& event : events) {
-                if (!event->hasValidData()) continue;
-                const auto got = event->getData()->getValue0();
-                seen = seen || std::equal(got.begin(), got.end(), next.begin(), next.end());
+        EXPECT_TRUE(duvo::test::eventually([&] {
+            for (const auto& sample : subscriber->read(0)) {
+                const auto got = sample->getValue0();
+                if (std::equal(got.begin(), got.end(), next.begin(), next.end())) return true;
             }
-        }
-        EXPECT_TRUE(seen) << "round " << round;
+            return false;
+        })) << "round "
+            << round;
     }
 }
 
