@@ -148,11 +148,8 @@ void Outages::run(bool silent, int outages) {
             monitoredBack.add(msSince(restored));
             ASSERT_TRUE(polled.waitForValue(mark, until)) << "no polled sample after the outage";
             polledBack.add(msSince(restored));
-            while (Clock::now() < until) {
-                const auto current = mostRecent->readMostRecent(0ms);
-                if (current.size() == 1 && current[0]->getValue0() >= mark) break;
-                std::this_thread::sleep_for(2ms);
-            }
+            eventually([&] { return mostRecent->readMostRecent(0ms).at(0)->getValue0() >= mark; },
+                       std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now()));
             ASSERT_GE(mostRecent->readMostRecent(0ms).at(0)->getValue0(), mark);
             mostRecentBack.add(msSince(restored));
             const double published = publishes.firstOkAfter(restored, until);
