@@ -31,15 +31,21 @@ using vesk::duvo::opcua::detail::OpcUaClient;
 
 inline UA_NodeId node(const char* name) { return UA_NODEID_STRING(1, const_cast<char*>(name)); }
 
-/// The value lives on this stack frame only: the client must have encoded it on return.
-inline boost::future<OpcUaClient::WriteResponse> writeDouble(OpcUaClient& client, const char* name, double value,
-                                                             Clock::duration timeout = 2s) {
+/// A write of a Double node that borrows the value.
+inline UA_WriteValue doubleWrite(const char* name, double& value) {
     UA_WriteValue write;
     UA_WriteValue_init(&write);
     write.nodeId = node(name);
     write.attributeId = UA_ATTRIBUTEID_VALUE;
     write.value.hasValue = true;
     UA_Variant_setScalar(&write.value.value, &value, &UA_TYPES[UA_TYPES_DOUBLE]);
+    return write;
+}
+
+/// The value lives on this stack frame only: the client must have encoded it on return.
+inline boost::future<OpcUaClient::WriteResponse> writeDouble(OpcUaClient& client, const char* name, double value,
+                                                             Clock::duration timeout = 2s) {
+    UA_WriteValue write = doubleWrite(name, value);
     return client.writeValuesAsync(&write, 1, Clock::now() + timeout);
 }
 
@@ -189,12 +195,7 @@ TEST_F(ClientTest, callers_that_drive_the_loop_and_give_up_throw_or_are_interrup
                     continue;
                 }
                 double value = i;
-                UA_WriteValue write;
-                UA_WriteValue_init(&write);
-                write.nodeId = node("Double");
-                write.attributeId = UA_ATTRIBUTEID_VALUE;
-                write.value.hasValue = true;
-                UA_Variant_setScalar(&write.value.value, &value, &UA_TYPES[UA_TYPES_DOUBLE]);
+                UA_WriteValue write = doubleWrite("Double", value);
                 client->writeValues(&write, 1, Clock::now() + 2s,
                                     [i](OpcUaClient::WriteResponse, const op::RequestFailure*) {
                                         if (i == 1) throw std::runtime_error("a completion failed");
