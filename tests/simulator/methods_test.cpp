@@ -14,22 +14,11 @@ using vesk::duvo::sim::Simulator;
 
 namespace {
 
-/// A distinct argument per parameter type; a shared vector becomes one array of 5 elements.
-template <class P>
-struct SampleArgument {
-    static OwnedVariant make(int seed) { return scalar(duvo::test::SampleValues<m2Types::Scalar<P>>::make(seed)); }
-};
-template <class E>
-struct SampleArgument<vesk::duvo::shared_vector<const E>> {
-    static OwnedVariant make(int seed) {
-        return variantOf(duvo::test::SampleValues<m2Types::Vector<E>>::make(seed, 5));
-    }
-};
-
+/// A distinct argument per parameter; a shared vector becomes one array.
 template <class... P>
 std::vector<OwnedVariant> sampleArguments() {
     int seed = 0;
-    return {SampleArgument<P>::make(++seed)...};
+    return {variantOf(sampleArgument<P>(++seed))...};
 }
 
 struct Interface {

@@ -3,6 +3,7 @@
 // proves that each element arrives in its place.
 #include <cstddef>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <m2Types/m2Types.hpp>
@@ -54,6 +55,15 @@ typename T::value_type makeValue(int seed, std::size_t length = T::nominalLength
         return SampleValues<Field>::make(seed, length);
     else
         return SampleValues<Field>::make(seed);
+}
+
+/// A method argument of parameter type P, distinct per seed; a shared vector has 5 elements.
+template <class P>
+P sampleArgument(int seed) {
+    if constexpr (std::is_arithmetic_v<P>)
+        return SampleValues<m2Types::Scalar<P>>::make(seed);
+    else
+        return SampleValues<m2Types::Vector<std::remove_const_t<typename P::value_type>>>::make(seed, 5);
 }
 
 /// Gives typed tests the module type's name.
