@@ -59,7 +59,7 @@ template <class Sync, class Async, class Args, class Fixture, class Call>
 void callBothWays(Fixture& f, const std::string& iface, const std::string& method, Call call) {
     SCOPED_TRACE(iface);
     const auto duvo = f.middleware();
-    const RrQoS qos{std::make_shared<vesk::duvo::rr::qos::ReplyTime>(kWait)};
+    const RrQoS qos = replyTime(kWait);
     auto async = duvo->template createClient<Async>(f.rrUri(iface, method), qos);
     auto sync = duvo->template createClient<Sync>(f.rrUri(iface, method), qos);
     const std::size_t before = f.server->calls(iface, method).count;

@@ -123,7 +123,7 @@ protected:
     /// Publishes one sample of T to a node of each server; "ok" or the error.
     template <class T>
     std::pair<std::string, std::string> publishTo(const std::string& node, const typename T::value_type& value) {
-        return {publishOnce<T>("opcua-ps://" + simulator->endpoint().substr(10) + "#ns=1;s=" + node, value),
+        return {publishOnce<T>(vesk::duvo::sim::pubSubUri(simulator->endpoint(), node), value),
                 publishOnce<T>(psUri(node), value)};
     }
     template <class T>
@@ -151,8 +151,7 @@ protected:
             const std::string uri = "opcua-rr://" + endpoint.substr(std::string("opc.tcp://").size()) +
                                     "#ns=1;s=" + object + ",ns=1;s=" + method;
             try {
-                auto stub = middleware()->createClient<Sync>(
-                    uri, RrQoS{std::make_shared<vesk::duvo::rr::qos::ReplyTime>(kWait)});
+                auto stub = middleware()->createClient<Sync>(uri, replyTime(kWait));
                 return invoke(*stub) ? "true" : "false";
             } catch (const std::exception& e) {
                 return e.what();
