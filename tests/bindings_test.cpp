@@ -210,15 +210,7 @@ TYPED_TEST(SampleBindingTest, wrong_type_is_refused_and_value_kept) {
 
 // Shapes that need more than the catalogue gives.
 TEST(Binding, takes_a_scalar_from_an_array_any_string_count_and_never_converts_or_accepts_null_strings) {
-    // A sample of the right module type made by some other binding is not ours.
-    struct Foreign : m2Types::M2Int32Value0 {
-        std::unique_ptr<M2Int32Value0> clone() const override { return std::make_unique<Foreign>(); }
-        bool keyEquals(const M2Int32Value0&) const override { return false; }
-        std::unique_ptr<M2Int32Value0> cloneKey() const override { return clone(); }
-        bool hasKey() const override { return false; }
-        int getValue0() const override { return 1; }
-        void setValue0(int) override {}
-    } foreign;
+    const duvo::test::ForeignInt32 foreign;
     EXPECT_FALSE(DuvoOpcUaTraits<m2Types::M2Int32Value0>::isImpl(&foreign));
     EXPECT_FALSE(DuvoOpcUaTraits<m2Types::M2Int32Value0>::isImpl(nullptr));
 
