@@ -16,6 +16,7 @@
 namespace {
 
 using vesk::duvo::opcua::detail::binding::BindingOf_t;
+using vesk::duvo::opcua::detail::binding::DuvoOpcUaTraits;
 using vesk::duvo::opcua::detail::binding::UaTypeOf;
 
 /// A UA_DataValue that open62541 owns, freed at scope exit.
@@ -96,6 +97,8 @@ TYPED_TEST(SampleBindingTest,
            starts_empty_and_its_value_has_the_catalogue_type_and_shape_and_survives_wire_clone_and_copy) {
     using ST = typename TestFixture::ST;
     ST sample;
+    EXPECT_TRUE(DuvoOpcUaTraits<TypeParam>::isImpl(&sample));
+    EXPECT_TRUE(DuvoOpcUaTraits<TypeParam>::isImpl(DuvoOpcUaTraits<TypeParam>::makeImpl().get()));
     EXPECT_EQ(sample.getDataValueCount(), 1u);
     EXPECT_FALSE(sample.hasKey());
     EXPECT_FALSE(sample.keyEquals(ST()));
@@ -131,6 +134,9 @@ TYPED_TEST(SampleBindingTest,
     ST copy;
     copy.copy(*clone);
     expectSameValue(copy.getValue0(), sample.getValue0());
+    if constexpr (TypeParam::field_type::isVector && !std::is_same_v<typename TestFixture::E, std::string>) {
+        EXPECT_EQ(copy.getValue0().data(), sample.getValue0().data()); // copies share, never copy
+    }
     // The clone's own representation is rebuilt from its own storage.
     OwnedDataValue cloneWire;
     throughTheWire(*dynamic_cast<ST*>(clone.get())->getOpcUaDataValues(), cloneWire);
@@ -204,6 +210,10 @@ TYPED_TEST(SampleBindingTest, wrong_type_is_refused_and_value_kept) {
 
 // Shapes that need more than the catalogue gives.
 TEST(Binding, takes_a_scalar_from_an_array_any_string_count_and_never_converts_or_accepts_null_strings) {
+    const duvo::test::ForeignInt32 foreign;
+    EXPECT_FALSE(DuvoOpcUaTraits<m2Types::M2Int32Value0>::isImpl(&foreign));
+    EXPECT_FALSE(DuvoOpcUaTraits<m2Types::M2Int32Value0>::isImpl(nullptr));
+
     UA_DataValue dv;
     UA_DataValue_init(&dv);
     // A scalar takes the first element of an array and refuses an empty one.

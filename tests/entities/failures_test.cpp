@@ -260,11 +260,6 @@ TEST_F(PollerFailures, a_read_unanswered_at_its_deadline_times_out_whoever_notic
 // Secured sessions: each refusal says what to do, once, and its fix is picked up while the
 // client retries. No password in any text, at any log level.
 
-::testing::AssertionResult startsWith(const std::string& text, const std::string& prefix) {
-    if (text.rfind(prefix, 0) == 0) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "\"" << text << "\" does not begin with \"" << prefix << "\"";
-}
-
 class SecureSessions : public ::testing::Test {
 protected:
     using S = m2Types::M2StringValue0;

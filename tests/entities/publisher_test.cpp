@@ -127,18 +127,10 @@ TEST_F(PublisherTest, refusals_say_why_once_and_leave_the_publisher_usable) {
               "BadTypeMismatch Uri:" +
                   uri("M2DoubleVector6"));
 
-    struct Foreign : T {
-        std::unique_ptr<T> clone() const override { return std::make_unique<Foreign>(); }
-        bool keyEquals(const T&) const override { return false; }
-        std::unique_ptr<T> cloneKey() const override { return clone(); }
-        bool hasKey() const override { return false; }
-        int getValue0() const override { return 1; }
-        void setValue0(int) override {}
-    };
     {
         LogRecorder log(publisherLog);
         const std::string wrongType = "data type for instance or value is incorrect. Not a OpcUa supported type";
-        EXPECT_EQ(failure<vesk::duvo::IllegalStateException>([&] { p->publish(Foreign(), kWait); }), wrongType);
+        EXPECT_EQ(failure<vesk::duvo::IllegalStateException>([&] { p->publish(ForeignInt32(), kWait); }), wrongType);
         ASSERT_EQ(log.lines().size(), 1u);
         EXPECT_EQ(log.lines()[0].level, log4cplus::ERROR_LOG_LEVEL);
         EXPECT_EQ(log.lines()[0].message, wrongType);

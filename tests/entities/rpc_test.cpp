@@ -15,36 +15,25 @@
 namespace duvo::test {
 namespace {
 
-/// A recognisable argument of each parameter type, different per position.
-template <class P>
-P argument(int position) {
-    if constexpr (std::is_same_v<P, bool>)
-        return position % 2 == 0;
-    else if constexpr (std::is_arithmetic_v<P>)
-        return static_cast<P>(position + 2) / static_cast<P>(std::is_floating_point_v<P> ? 4 : 1);
-    else
-        return P{typename P::value_type(position + 1), typename P::value_type(-2.5), typename P::value_type(1e3)};
-}
-
 /// One argument as the server recorded it: its OPC UA type, shape and value.
 template <class P>
 void expectArgument(const OwnedVariant& got, int position) {
     SCOPED_TRACE("argument " + std::to_string(position));
-    const P sent = argument<P>(position);
+    const P sent = sampleArgument<P>(position);
     if constexpr (std::is_arithmetic_v<P>) {
-        ASSERT_TRUE(got.hasType(interop::uaTypeOf<P>()));
+        ASSERT_TRUE(got.hasType(uaTypeOf<P>()));
         ASSERT_TRUE(got.isScalar());
         EXPECT_EQ(got.at<P>(), sent);
     } else {
         using E = typename P::value_type;
-        ASSERT_TRUE(got.hasType(interop::uaTypeOf<E>()));
+        ASSERT_TRUE(got.hasType(uaTypeOf<E>()));
         ASSERT_FALSE(got.isScalar());
         ASSERT_EQ(got.arrayLength(), sent.size());
         for (std::size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(got.at<E>(i), sent[i]);
     }
 }
 
-/// Calls a stub with the recognisable arguments of a catalogue row, and checks their record.
+/// Calls a stub with the sample arguments of a catalogue row, and checks their record.
 template <class... Ps>
 struct Arguments {
     template <class Stub, class Method>
@@ -53,7 +42,7 @@ struct Arguments {
     }
     template <class Stub, class Method, std::size_t... Is>
     static auto invokeImpl(Stub& stub, Method method, std::index_sequence<Is...>) {
-        return (stub.*method)(argument<Ps>(int(Is))...);
+        return (stub.*method)(sampleArgument<Ps>(int(Is))...);
     }
     static void expectRecorded(const CallRecord& record) {
         ASSERT_EQ(record.lastArguments.size(), sizeof...(Ps));
@@ -70,7 +59,7 @@ template <class Sync, class Async, class Args, class Fixture, class Call>
 void callBothWays(Fixture& f, const std::string& iface, const std::string& method, Call call) {
     SCOPED_TRACE(iface);
     const auto duvo = f.middleware();
-    const RrQoS qos{std::make_shared<vesk::duvo::rr::qos::ReplyTime>(kWait)};
+    const RrQoS qos = replyTime(kWait);
     auto async = duvo->template createClient<Async>(f.rrUri(iface, method), qos);
     auto sync = duvo->template createClient<Sync>(f.rrUri(iface, method), qos);
     const std::size_t before = f.server->calls(iface, method).count;
@@ -118,9 +107,6 @@ protected:
     using Sync = m2Types::PsRpcSetpowerSync;
     std::string uri(const std::string& endpoint = simulator->endpoint()) const {
         return rrUri("PsRpcSetpower", "RPC_SetPower", endpoint);
-    }
-    static RrQoS replyTime(std::chrono::milliseconds ms) {
-        return {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(ms)};
     }
 };
 

@@ -24,37 +24,24 @@
 #include <duvo/opcua/detail/ps/subscriber.hpp>
 #include <generated/opcua/m2Types/m2Types.hpp>
 #include <generated/opcua/m2Types/rpc.hpp>
-#include <vesk/duvo/sim/faultProxy.hpp>
 
+#include "support/prelude.hpp"
 #include "support/simulatorFixture.hpp"
 
-namespace duvo::faults {
+namespace duvo::test {
 
-using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using vesk::duvo::opcua::detail::OpcUaDuvo;
 using vesk::duvo::opcua::detail::ps::EntityState;
 using vesk::duvo::opcua::detail::ps::OpcUaMrvSubscriber;
 using vesk::duvo::opcua::detail::ps::OpcUaPublisher;
 using vesk::duvo::opcua::detail::ps::OpcUaSubscriber;
-using vesk::duvo::ps::DataEvent;
-using vesk::duvo::ps::DataEventFilter;
-using vesk::duvo::ps::InstanceState;
-using PsQoS = std::vector<std::shared_ptr<vesk::duvo::ps::qos::QoS>>;
-using RrQoS = std::vector<std::shared_ptr<vesk::duvo::rr::qos::QoS>>;
-using Properties = vesk::duvo::Duvo::Properties;
-/// The device's value: subscribers receive it, nobody publishes to it.
-using T = m2Types::M2Int32Value0;
+/// The device's value is T: subscribers receive it, nobody publishes to it.
 using ST = generated::opcua::m2Types::M2Int32Value0;
 /// The application's value: publishers write it.
 using P = m2Types::M2FloatVector6;
 using PT = generated::opcua::m2Types::M2FloatVector6;
 using AsyncClient = generated::opcua::m2Types::PsRpcSetpowerAsyncImpl;
 using SyncClient = generated::opcua::m2Types::PsRpcSetpowerSyncImpl;
-
-inline double msSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
 
 /// An entity made from the plug-in's classes, initialised as the entry points leave it: unlike
 /// the typed helpers, entities with different properties can share one middleware's client.
@@ -66,7 +53,28 @@ std::shared_ptr<Entity> make(const std::string& uri, const Properties& propertie
     return entity;
 }
 
-inline RrQoS replyTime(std::chrono::milliseconds ms) { return {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(ms)}; }
+/// A refused request: what it said, whether as a timeout, and how long it took.
+struct Refusal {
+    std::string text;
+    double ms = 0;
+    bool refused = false;
+    bool timedOut = false;
+};
+
+template <class F>
+Refusal timed(F request) {
+    Refusal out;
+    const auto start = Clock::now();
+    try {
+        request();
+    } catch (const std::exception& e) {
+        out.text = e.what();
+        out.refused = true;
+        out.timedOut = dynamic_cast<const vesk::duvo::TimeoutException*>(&e) != nullptr;
+    }
+    out.ms = msSince(start);
+    return out;
+}
 
 /// Measured times, printed as count, median and worst when it goes: figures, never assertions.
 class Figures {
@@ -95,30 +103,23 @@ private:
 class Device {
 public:
     explicit Device(vesk::duvo::sim::Simulator& sim)
-        : thread_([this, &sim] {
-              while (!stop_.load()) {
-                  std::int32_t value = next_.fetch_add(1);
-                  UA_Variant v;
-                  UA_Variant_setScalar(&v, &value, &UA_TYPES[UA_TYPES_INT32]);
-                  try {
-                      sim.write("M2Int32Value0", v);
-                  } catch (const std::exception&) {
-                      // the server is stopped
-                  }
-                  std::this_thread::sleep_for(2ms);
+        : loop_([this, &sim] {
+              std::int32_t value = next_.fetch_add(1);
+              UA_Variant v;
+              UA_Variant_setScalar(&v, &value, &UA_TYPES[UA_TYPES_INT32]);
+              try {
+                  sim.write("M2Int32Value0", v);
+              } catch (const std::exception&) {
+                  // the server is stopped
               }
+              std::this_thread::sleep_for(2ms);
           }) {}
-    ~Device() {
-        stop_ = true;
-        thread_.join();
-    }
     /// Every value written from now on is at least this.
     std::int32_t mark() const { return next_.load(); }
 
 private:
-    std::atomic<std::int32_t> next_{1};
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    std::atomic<std::int32_t> next_{1}; // before the loop that uses it
+    Loop loop_;
 };
 
 /// Everything one queued subscriber delivered, read as events (valid and not alive alike).
@@ -212,38 +213,6 @@ private:
     std::vector<std::string> texts_;
 };
 
-/// The client's failure texts, each followed by ": " and details.
-inline bool isClientFailure(const std::string& text) {
-    for (const char* prefix : {"timeout: ", "not connected: ", "connection lost: ", "client shut down: "})
-        if (text.rfind(prefix, 0) == 0) return true;
-    return false;
-}
-
-/// What a publish that waits may say: its own timeout (also when the client gave the write up
-/// unsent), or why the client lost it after sending it.
-inline bool isPublishFailure(const std::string& text) {
-    return text == "timeout when publishing" || text.rfind("connection lost: ", 0) == 0 ||
-           text.rfind("client shut down: ", 0) == 0;
-}
-
-/// Runs `step` over and over on a thread of its own until destroyed.
-class Loop {
-public:
-    template <class Step>
-    explicit Loop(Step step)
-        : thread_([this, step]() mutable {
-              while (!stop_.load()) step();
-          }) {}
-    ~Loop() {
-        stop_ = true;
-        thread_.join();
-    }
-
-private:
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
-
 inline PT applicationSample(int seed) {
     vesk::duvo::shared_vector<float> v(6);
     for (int i = 0; i < 6; ++i) v[i] = static_cast<float>(seed + i);
@@ -252,4 +221,4 @@ inline PT applicationSample(int seed) {
     return sample;
 }
 
-} // namespace duvo::faults
+} // namespace duvo::test

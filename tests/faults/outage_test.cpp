@@ -4,33 +4,10 @@
 // polled subscribers and callers keep working on one endpoint.
 #include "faults/faultRig.hpp"
 
-namespace duvo::faults {
+namespace duvo::test {
 namespace {
 
-/// A refused request: what it said, whether as a timeout, and how long it took.
-struct Refusal {
-    std::string text;
-    double ms = 0;
-    bool refused = false;
-    bool timedOut = false;
-};
-
-template <class F>
-Refusal timed(F request) {
-    Refusal out;
-    const auto start = Clock::now();
-    try {
-        request();
-    } catch (const std::exception& e) {
-        out.text = e.what();
-        out.refused = true;
-        out.timedOut = dynamic_cast<const vesk::duvo::TimeoutException*>(&e) != nullptr;
-    }
-    out.ms = msSince(start);
-    return out;
-}
-
-class Outages : public duvo::test::SimulatorSuite {
+class Outages : public SimulatorSuite {
 protected:
     /// `outages` times: the server stops and starts again, or (silent) the proxy drops every
     /// reply and forwards again. Each outage is reported once, never with data, and
@@ -43,13 +20,12 @@ void Outages::run(bool silent, int outages) {
     Device device(*simulator);
     const std::string endpoint = silent ? proxy.endpoint() : simulator->endpoint();
     const std::string deviceUri = psUri("M2Int32Value0", endpoint);
-    const Properties monitoredProps{{"opc.ps.pollingPeriodMs", "0"}};
     // The period is also the read deadline: long enough that no read times out on a slow build
     // (a read that times out is reported as not alive, which would count as an outage here).
 #ifdef __SANITIZE_THREAD__
-    const Properties polledProps{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "1000"}};
+    const Properties polling = polledProps(1000);
 #else
-    const Properties polledProps{{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", "200"}};
+    const Properties polling = polledProps(200);
 #endif
 
     Watched monitored("monitored", make<OpcUaSubscriber<T, ST>>(deviceUri, monitoredProps, duvo));
@@ -57,7 +33,7 @@ void Outages::run(bool silent, int outages) {
     // interval of 0 would otherwise set the pace.
     Watched defaulted("monitored, default",
                       make<OpcUaSubscriber<T, ST>>(deviceUri, Properties{}, std::make_shared<OpcUaDuvo>()));
-    Watched polled("polled", make<OpcUaSubscriber<T, ST>>(deviceUri, polledProps, duvo));
+    Watched polled("polled", make<OpcUaSubscriber<T, ST>>(deviceUri, polling, duvo));
     auto mostRecent = make<OpcUaMrvSubscriber<T, ST>>(deviceUri, monitoredProps, duvo);
     auto publisher = make<OpcUaPublisher<P, PT>>(psUri("M2FloatVector6", endpoint), {}, duvo);
     const std::string rr = rrUri("PsRpcSetpower", "RPC_SetPower", endpoint);
@@ -172,11 +148,8 @@ void Outages::run(bool silent, int outages) {
             monitoredBack.add(msSince(restored));
             ASSERT_TRUE(polled.waitForValue(mark, until)) << "no polled sample after the outage";
             polledBack.add(msSince(restored));
-            while (Clock::now() < until) {
-                const auto current = mostRecent->readMostRecent(0ms);
-                if (current.size() == 1 && current[0]->getValue0() >= mark) break;
-                std::this_thread::sleep_for(2ms);
-            }
+            eventually([&] { return mostRecent->readMostRecent(0ms).at(0)->getValue0() >= mark; },
+                       std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now()));
             ASSERT_GE(mostRecent->readMostRecent(0ms).at(0)->getValue0(), mark);
             mostRecentBack.add(msSince(restored));
             const double published = publishes.firstOkAfter(restored, until);
@@ -216,4 +189,4 @@ TEST_F(Restarts, every_outage_is_reported_once_and_everything_flows_again) { run
 TEST_F(Silence, the_loss_is_noticed_reported_once_and_forwarding_brings_the_data_back) { run(true, 3); }
 
 } // namespace
-} // namespace duvo::faults
+} // namespace duvo::test

@@ -26,13 +26,7 @@ namespace {
 using namespace std::chrono_literals;
 
 bool executable(const std::string& path) { return ::access(path.c_str(), X_OK) == 0; }
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+using vesk::duvo::pki::readFile;
 
 } // namespace
 

@@ -1,17 +1,14 @@
 // The two servers side by side: the same m2Types address space, and the error paths on which
 // they differ, each asserted as it is. docs/decisions.md ("The independent server") lists them.
-#include <cstdio>
 #include <sstream>
 
 #include <vesk/duvo/sim/simulator.hpp>
 
 #include "support/servers.hpp"
+#include "tool/program.hpp"
 
 namespace duvo::test {
 namespace {
-
-using interop::RawClient;
-using interop::stringNode;
 
 /// One attribute as text: its value, or its status when it has none.
 std::string attribute(RawClient& client, const UA_NodeId& node, UA_AttributeId id) {
@@ -126,7 +123,7 @@ protected:
     /// Publishes one sample of T to a node of each server; "ok" or the error.
     template <class T>
     std::pair<std::string, std::string> publishTo(const std::string& node, const typename T::value_type& value) {
-        return {publishOnce<T>("opcua-ps://" + simulator->endpoint().substr(10) + "#ns=1;s=" + node, value),
+        return {publishOnce<T>(vesk::duvo::sim::pubSubUri(simulator->endpoint(), node), value),
                 publishOnce<T>(psUri(node), value)};
     }
     template <class T>
@@ -154,8 +151,7 @@ protected:
             const std::string uri = "opcua-rr://" + endpoint.substr(std::string("opc.tcp://").size()) +
                                     "#ns=1;s=" + object + ",ns=1;s=" + method;
             try {
-                auto stub = middleware()->createClient<Sync>(
-                    uri, RrQoS{std::make_shared<vesk::duvo::rr::qos::ReplyTime>(kWait)});
+                auto stub = middleware()->createClient<Sync>(uri, replyTime(kWait));
                 return invoke(*stub) ? "true" : "false";
             } catch (const std::exception& e) {
                 return e.what();
@@ -199,19 +195,12 @@ TEST_F(AddressSpace, every_variable_and_method_matches_the_simulator_in_all_it_d
         << method;
 }
 
-TEST_F(AddressSpace, m2ctl_check_finds_both_servers_conforming) {
-    for (const std::string& endpoint : {simulator->endpoint(), node->endpoint()}) {
-        const std::string command =
-            std::string(M2CTL_PROGRAM) + " check --timeout 10000 --endpoint " + endpoint + " 2>&1";
-        FILE* pipe = ::popen(command.c_str(), "r");
-        ASSERT_NE(pipe, nullptr);
-        std::string out;
-        char buffer[4096];
-        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
-        const int status = ::pclose(pipe);
-        EXPECT_EQ(status, 0) << endpoint << "\n" << out;
-        EXPECT_NE(out.find("47 of 47 conform (0 mismatch, 0 missing)"), std::string::npos) << out;
-    }
+// The simulator's side is tool.M2ctlOnSimulator.check_conforms_and_names_each_planted_fault.
+TEST_F(AddressSpace, m2ctl_check_finds_node_opcua_conforming) {
+    const Outcome o =
+        Program(M2CTL_PROGRAM, {"check", "--timeout", "10000", "--endpoint", node->endpoint()}).finish(60s);
+    EXPECT_EQ(o.code, 0) << o.out << o.err;
+    EXPECT_NE(o.out.find("47 of 47 conform (0 mismatch, 0 missing)"), std::string::npos) << o.out;
 }
 
 class Differences : public BothServers {

@@ -1,7 +1,6 @@
 // The shared client against a real server: services, monitored items, deadlines, ownership.
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -21,35 +20,32 @@
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
 #include <vesk/duvo/opcua/time.hpp>
 
+#include "support/waits.hpp"
 #include "testServer.hpp"
 
 namespace duvo::test {
 namespace {
 
-using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using vesk::duvo::opcua::detail::OpcUaClient;
 
-inline bool eventually(const std::function<bool()>& condition, Clock::duration timeout = 5s) {
-    const auto until = Clock::now() + timeout;
-    while (!condition()) {
-        if (Clock::now() > until) return false;
-        std::this_thread::sleep_for(2ms);
-    }
-    return true;
-}
-
 inline UA_NodeId node(const char* name) { return UA_NODEID_STRING(1, const_cast<char*>(name)); }
 
-/// The value lives on this stack frame only: the client must have encoded it on return.
-inline boost::future<OpcUaClient::WriteResponse> writeDouble(OpcUaClient& client, const char* name, double value,
-                                                             Clock::duration timeout = 2s) {
+/// A write of a Double node that borrows the value.
+inline UA_WriteValue doubleWrite(const char* name, double& value) {
     UA_WriteValue write;
     UA_WriteValue_init(&write);
     write.nodeId = node(name);
     write.attributeId = UA_ATTRIBUTEID_VALUE;
     write.value.hasValue = true;
     UA_Variant_setScalar(&write.value.value, &value, &UA_TYPES[UA_TYPES_DOUBLE]);
+    return write;
+}
+
+/// The value lives on this stack frame only: the client must have encoded it on return.
+inline boost::future<OpcUaClient::WriteResponse> writeDouble(OpcUaClient& client, const char* name, double value,
+                                                             Clock::duration timeout = 2s) {
+    UA_WriteValue write = doubleWrite(name, value);
     return client.writeValuesAsync(&write, 1, Clock::now() + timeout);
 }
 
@@ -65,19 +61,6 @@ inline boost::future<OpcUaClient::CallResponse> callSleep(OpcUaClient& client, U
     call.inputArgumentsSize = 1;
     return client.callMethodsAsync(&call, 1, Clock::now() + submit, replyTimeMs);
 }
-
-/// The exception text of a failed future, "" when it succeeded.
-template <class T>
-std::string failureOf(boost::future<T>& future) {
-    try {
-        future.get();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "";
-}
-
-inline bool startsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
 
 /// A test server and a client connected to it.
 class ClientTest : public ::testing::Test {
@@ -163,27 +146,27 @@ TEST(Deadline, unreachable_silent_or_paused_endpoints_fail_requests_at_their_dea
                                                    std::tuple{&toSilent, paused.endpoint(), "not connected"}}) {
         const auto start = Clock::now();
         auto write = writeDouble(*client, "Double", 1, 200ms);
-        std::string failure;
+        std::string text;
         bool timedOut = false;
         try {
             write.get();
         } catch (const vesk::duvo::TimeoutException& e) {
-            failure = e.what();
+            text = e.what();
             timedOut = true;
         } catch (const std::exception& e) {
-            failure = e.what();
+            text = e.what();
         }
         const auto elapsed = Clock::now() - start;
-        EXPECT_TRUE(startsWith(failure, reason)) << endpoint << ": " << failure;
+        EXPECT_TRUE(startsWith(text, reason)) << endpoint << ": " << text;
         EXPECT_GE(elapsed, 150ms) << endpoint;
         EXPECT_LE(elapsed, 1500ms) << endpoint;
         if (client == &connected) {
             EXPECT_TRUE(timedOut);
             continue;
         }
-        EXPECT_NE(failure.find(endpoint), std::string::npos) << failure;
+        EXPECT_NE(text.find(endpoint), std::string::npos) << text;
         auto immediate = writeDouble(*client, "Double", 1, 0ms);
-        EXPECT_TRUE(startsWith(failureOf(immediate), "not connected"));
+        EXPECT_TRUE(startsWith(failure([&] { immediate.get(); }), "not connected"));
     }
     paused.resume();
 }
@@ -199,7 +182,7 @@ TEST_F(ClientTest, callers_that_drive_the_loop_and_give_up_throw_or_are_interrup
               boost::future_status::timeout);
     auto after = writeDouble(*client, "Double", 1);
     ASSERT_TRUE(completes(after));
-    EXPECT_EQ(failureOf(slow), "");
+    EXPECT_EQ(failure([&] { slow.get(); }), "");
 
     // Completions that throw, or meet the interruption of the thread they run on, in the
     // middle of a caller's turn: the others complete once, and the caller's wait ends.
@@ -212,12 +195,7 @@ TEST_F(ClientTest, callers_that_drive_the_loop_and_give_up_throw_or_are_interrup
                     continue;
                 }
                 double value = i;
-                UA_WriteValue write;
-                UA_WriteValue_init(&write);
-                write.nodeId = node("Double");
-                write.attributeId = UA_ATTRIBUTEID_VALUE;
-                write.value.hasValue = true;
-                UA_Variant_setScalar(&write.value.value, &value, &UA_TYPES[UA_TYPES_DOUBLE]);
+                UA_WriteValue write = doubleWrite("Double", value);
                 client->writeValues(&write, 1, Clock::now() + 2s,
                                     [i](OpcUaClient::WriteResponse, const op::RequestFailure*) {
                                         if (i == 1) throw std::runtime_error("a completion failed");
@@ -238,7 +216,7 @@ TEST_F(ClientTest, callers_that_drive_the_loop_and_give_up_throw_or_are_interrup
     for (int i = 0; i < 5; ++i) {
         auto write = writeDouble(*client, "Double", 100 + i);
         ASSERT_TRUE(completes(write));
-        EXPECT_EQ(failureOf(write), "");
+        EXPECT_EQ(failure([&] { write.get(); }), "");
     }
 }
 
@@ -249,15 +227,15 @@ TEST_F(ClientTest, pending_requests_fail_when_the_client_goes_or_the_connection_
     std::this_thread::sleep_for(50ms);
     const auto start = Clock::now();
     other.reset();
-    EXPECT_TRUE(startsWith(failureOf(pending), "client shut down"));
+    EXPECT_TRUE(startsWith(failure([&] { pending.get(); }), "client shut down"));
     EXPECT_LE(Clock::now() - start, 1500ms);
 
     server.pause(); // the write is never read by the server
     auto write = writeDouble(*client, "Double", 1, 10s);
     std::this_thread::sleep_for(50ms);
     server.stop();
-    const std::string failure = failureOf(write);
-    EXPECT_TRUE(startsWith(failure, "connection lost")) << failure;
+    const std::string lost = failure([&] { write.get(); });
+    EXPECT_TRUE(startsWith(lost, "connection lost")) << lost;
 }
 
 // ---- reconnection

@@ -11,6 +11,8 @@
 #include <vesk/duvo/opcua/time.hpp>
 #include <vesk/duvo/opcua/uaCpp.hpp>
 
+#include "support/waits.hpp"
+
 namespace {
 
 namespace op = vesk::duvo::opcua::detail;
@@ -67,14 +69,7 @@ TEST(Properties, absent_gives_default_present_converts_and_a_bad_value_is_named)
 
     // Values that do not convert name the key and the value.
     props = {{"opc.ps.pollingPeriodMs", "abc"}, {"b", "yes"}, {"n", " 5"}, {"big", "99999999999"}};
-    const auto message = [&](auto read) {
-        try {
-            read();
-        } catch (const std::runtime_error& e) {
-            return std::string(e.what());
-        }
-        return std::string("no exception");
-    };
+    const auto message = [](auto read) { return duvo::test::failure<std::runtime_error>(read); };
     EXPECT_EQ(message([&] { op::getDuvoProperty<int>(props, "opc.ps.pollingPeriodMs", 1000); }),
               "invalid value for DUVO property \"opc.ps.pollingPeriodMs\": \"abc\"");
     EXPECT_EQ(message([&] { op::getDuvoProperty<bool>(props, "b", false); }),

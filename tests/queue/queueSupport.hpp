@@ -22,6 +22,8 @@
 #include <duvo/ps/queue/queuedSubscriber.hpp>
 #include <generated/opcua/m2Types/m2Types.hpp>
 
+#include "support/waits.hpp"
+
 namespace duvo::test {
 
 /// The abstract type, as a module would declare it: a key field and a value.
@@ -63,7 +65,6 @@ namespace duvo::test {
 
 namespace ps = vesk::duvo::ps;
 namespace queue = vesk::duvo::ps::queue;
-using namespace std::chrono_literals;
 using ps::InstanceState;
 
 using Int32 = m2Types::M2Int32Value0;
@@ -116,10 +117,6 @@ std::vector<int> values(const Samples& samples) {
     return v;
 }
 
-inline long long elapsedMs(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-}
-
 /// Delivers keyed samples from another thread after 100 ms.
 class LateSource {
 public:
@@ -133,16 +130,5 @@ public:
 private:
     std::thread thread_;
 };
-
-/// Expects the call to throw E with exactly this message.
-template <class E, class F>
-void expectThrowWith(F&& call, const char* message) {
-    try {
-        call();
-        ADD_FAILURE() << "no exception; expected: " << message;
-    } catch (const E& e) {
-        EXPECT_STREQ(e.what(), message);
-    }
-}
 
 } // namespace duvo::test

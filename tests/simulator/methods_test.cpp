@@ -14,22 +14,11 @@ using vesk::duvo::sim::Simulator;
 
 namespace {
 
-/// A distinct argument per parameter type; a shared vector becomes one array of 5 elements.
-template <class P>
-struct SampleArgument {
-    static OwnedVariant make(int seed) { return scalar(duvo::test::SampleValues<m2Types::Scalar<P>>::make(seed)); }
-};
-template <class E>
-struct SampleArgument<vesk::duvo::shared_vector<const E>> {
-    static OwnedVariant make(int seed) {
-        return variantOf(duvo::test::SampleValues<m2Types::Vector<E>>::make(seed, 5));
-    }
-};
-
+/// A distinct argument per parameter; a shared vector becomes one array.
 template <class... P>
 std::vector<OwnedVariant> sampleArguments() {
     int seed = 0;
-    return {SampleArgument<P>::make(++seed)...};
+    return {variantOf(sampleArgument<P>(++seed))...};
 }
 
 struct Interface {
@@ -54,7 +43,7 @@ OwnedVariant retyped(const OwnedVariant& argument) {
 class Method : public ::testing::TestWithParam<std::size_t> {
 protected:
     const Interface iface = catalogue().at(GetParam());
-    const Client& client = sharedClient();
+    const RawClient& client = sharedClient();
 };
 
 TEST_P(Method, refuses_a_missing_or_mistyped_argument_and_answers_true_to_its_exact_arguments_recording_them) {
@@ -94,7 +83,7 @@ INSTANTIATE_TEST_SUITE_P(Catalogue, Method, ::testing::Range<std::size_t>(0, 23)
 TEST(MethodKnobs, bad_status_wrong_output_false_result_and_a_stuck_reply_that_stop_does_not_wait_for) {
     Simulator sim{quietOptions()};
     sim.start();
-    Client client(60000);
+    RawClient client(60000);
     ASSERT_EQ(client.connect(sim.endpoint()), UA_STATUSCODE_GOOD);
     const auto setPower = [&] { return client.call("PsRpcSetpower", "RPC_SetPower", {scalar(true)}); };
     Reply bad;

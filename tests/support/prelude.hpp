@@ -22,10 +22,10 @@
 #include <vesk/duvo/sim/faultProxy.hpp>
 
 #include "support/sampleValues.hpp"
+#include "support/waits.hpp"
 
 namespace duvo::test {
 
-using namespace std::chrono_literals;
 using vesk::duvo::opcua::detail::OpcUaDuvo;
 using vesk::duvo::ps::DataEvent;
 using vesk::duvo::ps::DataEventFilter;
@@ -42,19 +42,11 @@ const Properties monitoredProps{{"opc.ps.pollingPeriodMs", "0"}};
 inline Properties polledProps(int periodMs) {
     return {{"opc.ps.usePollSubscriber", "true"}, {"opc.ps.pollingPeriodMs", std::to_string(periodMs)}};
 }
+inline RrQoS replyTime(std::chrono::milliseconds ms) { return {std::make_shared<vesk::duvo::rr::qos::ReplyTime>(ms)}; }
 
 /// How long a publish, a call or a delivery may take: the first of an entity waits for its
 /// session, which node-opcua sets up in seconds on a loaded machine.
 constexpr std::chrono::milliseconds kWait = 10000ms;
-
-/// Waits until check() holds; false when the time is up.
-template <class Check>
-bool eventually(Check check, std::chrono::milliseconds within = kWait) {
-    for (const auto end = std::chrono::steady_clock::now() + within;; std::this_thread::sleep_for(5ms)) {
-        if (check()) return true;
-        if (std::chrono::steady_clock::now() >= end) return false;
-    }
-}
 
 /// Reads from the queue until a sample with the value arrives.
 template <class Type>
@@ -130,15 +122,36 @@ private:
     log4cplus::SharedAppenderPtr held_{appender_};
 };
 
-/// The text of the E that f() throws, or "" when it returns.
-template <class E = std::exception, class F>
-std::string failure(F f) {
-    try {
-        f();
-        return "";
-    } catch (const E& e) {
-        return e.what();
-    }
+/// The client's failure texts, each followed by ": " and details.
+inline bool isClientFailure(const std::string& text) {
+    for (const char* prefix : {"timeout: ", "not connected: ", "connection lost: ", "client shut down: "})
+        if (text.rfind(prefix, 0) == 0) return true;
+    return false;
 }
+
+/// What a publish that waits may say: its own timeout (also when the client gave the write up
+/// unsent), or why the client lost it after sending it.
+inline bool isPublishFailure(const std::string& text) {
+    return text == "timeout when publishing" || text.rfind("connection lost: ", 0) == 0 ||
+           text.rfind("client shut down: ", 0) == 0;
+}
+
+/// Runs `step` over and over on a thread of its own until destroyed.
+class Loop {
+public:
+    template <class Step>
+    explicit Loop(Step step)
+        : thread_([this, step]() mutable {
+              while (!stop_.load()) step();
+          }) {}
+    ~Loop() {
+        stop_ = true;
+        thread_.join();
+    }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
 
 } // namespace duvo::test

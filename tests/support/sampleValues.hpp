@@ -2,7 +2,9 @@
 // Distinct, recognisable values for every field shape, so that a round trip through OPC UA
 // proves that each element arrives in its place.
 #include <cstddef>
+#include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <m2Types/m2Types.hpp>
@@ -55,6 +57,25 @@ typename T::value_type makeValue(int seed, std::size_t length = T::nominalLength
     else
         return SampleValues<Field>::make(seed);
 }
+
+/// A method argument of parameter type P, distinct per seed; a shared vector has 5 elements.
+template <class P>
+P sampleArgument(int seed) {
+    if constexpr (std::is_arithmetic_v<P>)
+        return SampleValues<m2Types::Scalar<P>>::make(seed);
+    else
+        return SampleValues<m2Types::Vector<std::remove_const_t<typename P::value_type>>>::make(seed, 5);
+}
+
+/// A sample of a module type made by some other binding: ours must refuse it.
+struct ForeignInt32 : m2Types::M2Int32Value0 {
+    std::unique_ptr<M2Int32Value0> clone() const override { return std::make_unique<ForeignInt32>(); }
+    bool keyEquals(const M2Int32Value0&) const override { return false; }
+    std::unique_ptr<M2Int32Value0> cloneKey() const override { return clone(); }
+    bool hasKey() const override { return false; }
+    int getValue0() const override { return 1; }
+    void setValue0(int) override {}
+};
 
 /// Gives typed tests the module type's name.
 struct TypeNames {

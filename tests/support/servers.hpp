@@ -5,14 +5,13 @@
 #include <generated/opcua/m2Types/m2Types.hpp>
 
 #include "interop/nodeServer.hpp"
-#include "interop/rawClient.hpp"
 #include "support/prelude.hpp"
+#include "support/rawClient.hpp"
 #include "support/simulatorFixture.hpp"
 
 namespace duvo::test {
 
 using vesk::duvo::sim::CallRecord;
-using vesk::duvo::sim::OwnedVariant;
 using vesk::duvo::sim::SourceTime;
 
 class Server {
@@ -37,7 +36,7 @@ public:
     /// The value the server holds for T, decoded apart from the binding.
     template <class Type>
     typename Type::value_type value() {
-        return interop::valueOf<Type>(*read(Type::typeName));
+        return valueOf<Type>(*read(Type::typeName));
     }
 };
 
@@ -67,7 +66,7 @@ public:
     }
     OwnedVariant read(const std::string& variable) override { return raw.read(variable); }
     SourceTime sourceTime(const std::string& variable) override {
-        UA_DataValue dv = raw.readAttribute(interop::stringNode(variable), UA_ATTRIBUTEID_VALUE);
+        UA_DataValue dv = raw.readAttribute(stringNode(variable), UA_ATTRIBUTEID_VALUE);
         const SourceTime time{dv.hasSourceTimestamp, dv.sourceTimestamp, dv.sourcePicoseconds};
         UA_DataValue_clear(&dv);
         return time;
@@ -88,7 +87,7 @@ public:
         write(iface + "." + method + ".Result", v);
     }
 
-    interop::RawClient raw;
+    RawClient raw;
 };
 
 /// The simulator's side of a body run over both servers.

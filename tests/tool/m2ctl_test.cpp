@@ -352,12 +352,6 @@ TEST_F(M2ctlOnSimulator, check_conforms_and_names_each_planted_fault) {
     EXPECT_NE(o.out.find("\"checked\":1,\"ok\":0,\"mismatch\":0,\"missing\":1"), std::string::npos) << o.out;
 }
 
-std::string readFile(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
 /// A log4cplus configuration that sends "orsa" at the level and above to the file, which it empties.
 std::string fileLogConfig(const std::string& name, const std::string& level, const std::string& file) {
     std::remove(file.c_str());
@@ -382,7 +376,7 @@ TEST(MiddlewareLogging, without_a_set_up_warnings_and_errors_go_to_stderr_in_one
     const std::string config = fileLogConfig("probe.properties", "ERROR", logFile);
     o = probe({"DUVO_LOG_CONFIG=" + config});
     EXPECT_EQ(o.err, "");
-    EXPECT_EQ(readFile(logFile), "ERROR - Subscriber already closed\n");
+    EXPECT_EQ(vesk::duvo::pki::readFile(logFile), "ERROR - Subscriber already closed\n");
 
     o = probe({"DUVO_LOG_CONFIG=/nonexistent/duvo.properties"});
     ASSERT_EQ(lines(o.err).size(), 2u) << o.err;
@@ -397,7 +391,7 @@ TEST(MiddlewareLogging, without_a_set_up_warnings_and_errors_go_to_stderr_in_one
     const std::string trace = fileLogConfig("trace.properties", "TRACE", traceFile);
     o = run({"sub", "M2Int32Value0", "--endpoint", "opc.tcp://127.0.0.1:1", "--timeout", "100", "--log-config", trace});
     EXPECT_EQ(o.code, 1);
-    const std::string traced = readFile(traceFile);
+    const std::string traced = vesk::duvo::pki::readFile(traceFile);
     EXPECT_NE(traced.find("TRACE - Subscriber for opcua-ps://127.0.0.1:1#ns=1;s=M2Int32Value0 created"),
               std::string::npos)
         << traced;

@@ -1,6 +1,8 @@
 // A numeric vector travels without our code copying an element: a publish hands the
 // application's own buffer to the stack's encoder, and a received array becomes the sample's
-// buffer as the stack decoded it. A publish costs at most two heap allocations of ours.
+// buffer as the stack decoded it. A publish costs at most two heap allocations of ours;
+// converting samples to OPC UA values allocates nothing, nor does refilling a sample that owns
+// its buffer.
 //
 // Allocations of ours are counted with a replaced operator new (open62541 allocates with
 // malloc, so its own allocations are not counted). The server runs as the m2-sim program, so
@@ -29,15 +31,20 @@
 #include <m2Types/m2Types.hpp>
 #include <vesk/duvo/opcua/opcuaDuvo.hpp>
 
+#include "support/sampleValues.hpp"
+#include "support/typeFilter.hpp"
+#include "support/waits.hpp"
 #include "tool/program.hpp"
 
 namespace {
 std::atomic<long> allocations{0};
-}
+std::atomic<bool> exhausted{false}; // every allocation fails while set
+} // namespace
 
 void* operator new(std::size_t n) {
     allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(n ? n : 1)) return p;
+    if (!exhausted.load())
+        if (void* p = std::malloc(n ? n : 1)) return p;
     throw std::bad_alloc();
 }
 void* operator new[](std::size_t n) { return operator new(n); }
@@ -81,6 +88,16 @@ using namespace std::chrono_literals;
 using Matrix = m2Types::M2DoubleMatrix36;
 using MatrixBinding = generated::opcua::m2Types::M2DoubleMatrix36;
 
+/// Counts the allocations made while it lives.
+class AllocationCount {
+public:
+    AllocationCount() : start_(allocations.load()) {}
+    long operator()() const { return allocations.load() - start_; }
+
+private:
+    long start_;
+};
+
 class ZeroCopy : public ::testing::Test {
 public:
     /// m2-sim on a free port, so that only the client's allocations are in this process.
@@ -123,9 +140,9 @@ TEST_F(ZeroCopy,
     constexpr long perBatch = 50;
     long fewest = -1;
     for (int batch = 0; batch < 8; ++batch) {
-        const long before = allocations.load();
+        const AllocationCount count;
         for (long i = 0; i < perBatch; ++i) publisher->publish(*sample, 2000ms);
-        const long made = allocations.load() - before;
+        const long made = count();
         if (fewest < 0 || made < fewest) fewest = made;
         // Every one of them pointed the stack at the application's own elements.
         EXPECT_EQ(lastWrittenData.load(), static_cast<const void*>(value.data()));
@@ -145,17 +162,14 @@ TEST_F(ZeroCopy,
         const auto next = matrix(100.0 * round);
         sample->setValue0(next);
         publisher->publish(*sample, 2000ms);
-        bool seen = false;
-        for (const auto end = std::chrono::steady_clock::now() + 5s; !seen && std::chrono::steady_clock::now() < end;) {
-            std::vector<std::shared_ptr<vesk::duvo::ps::DataEvent<Matrix>>> events;
-            subscriber->readDataEvents(vesk::duvo::ps::DataEventFilter<Matrix>(), events, 1, 500ms);
-            for (const auto& event : events) {
-                if (!event->hasValidData()) continue;
-                const auto got = event->getData()->getValue0();
-                seen = seen || std::equal(got.begin(), got.end(), next.begin(), next.end());
+        EXPECT_TRUE(duvo::test::eventually([&] {
+            for (const auto& sample : subscriber->read(0)) {
+                const auto got = sample->getValue0();
+                if (std::equal(got.begin(), got.end(), next.begin(), next.end())) return true;
             }
-        }
-        EXPECT_TRUE(seen) << "round " << round;
+            return false;
+        })) << "round "
+            << round;
     }
 }
 
@@ -217,6 +231,78 @@ TEST_F(ZeroCopy, a_received_array_becomes_the_samples_buffer_and_one_the_stack_k
     EXPECT_NE(static_cast<const void*>(sample.getValue0().data()), static_cast<const void*>(value.data()));
     EXPECT_EQ(borrowed.value.data, static_cast<const void*>(value.data()));
     EXPECT_TRUE(std::equal(value.begin(), value.end(), sample.getValue0().begin()));
+}
+
+using vesk::duvo::opcua::detail::binding::BindingOf_t;
+
+template <class T>
+class NumericVectorAllocation : public ::testing::Test {};
+using NumericVectors =
+    m2Types::rebind_t<::testing::Types, duvo::test::Filter<duvo::test::IsNumericVector, m2Types::DataTypes>::type>;
+TYPED_TEST_SUITE(NumericVectorAllocation, NumericVectors, duvo::test::TypeNames);
+
+TYPED_TEST(NumericVectorAllocation, publishing_side_borrows_the_buffer) {
+    BindingOf_t<TypeParam> sample;
+    const auto value = duvo::test::makeValue<TypeParam>(1, 62);
+    sample.setValue0(value);
+
+    AllocationCount count;
+    const UA_DataValue* dv = sample.getOpcUaDataValues();
+    UA_WriteValue write;
+    UA_WriteValue_init(&write);
+    write.attributeId = UA_ATTRIBUTEID_VALUE;
+    write.value = *dv; // shallow, as the publisher does
+    EXPECT_EQ(count(), 0);
+    EXPECT_EQ(write.value.value.data, value.data()); // the very elements of the application's vector
+    EXPECT_EQ(write.value.value.arrayLength, 62u);
+}
+
+TYPED_TEST(NumericVectorAllocation, receiving_side_refills_in_place) {
+    using E = typename TypeParam::field_type::element_type;
+    BindingOf_t<TypeParam> sample;
+    std::vector<E> incoming(62);
+    UA_DataValue dv;
+    UA_DataValue_init(&dv);
+    UA_Variant_setArray(&dv.value, incoming.data(), incoming.size(),
+                        vesk::duvo::opcua::detail::binding::UaTypeOf<E>::type());
+    sample.setOpcUaDataValues(&dv); // first fill allocates the buffer
+
+    AllocationCount count;
+    sample.setOpcUaDataValues(&dv);
+    sample.setOpcUaDataValues(&dv);
+    EXPECT_EQ(count(), 0);
+
+    // A clone costs its object and shares the elements.
+    auto clone = sample.clone();
+    EXPECT_EQ(count(), 1);
+    EXPECT_EQ(clone->getValue0().data(), sample.getValue0().data());
+}
+
+TEST(ScalarAllocation, scalars_and_strings_convert_without_allocating) {
+    generated::opcua::m2Types::M2Uint64Value0 number;
+    generated::opcua::m2Types::M2StringValue0 text;
+    text.setValue0(std::string(100, 'x'));
+    generated::opcua::m2Types::M2StringVector15 texts;
+    texts.setValue0(std::vector<std::string>(15, std::string(40, 'y'))); // the nominal count
+
+    AllocationCount count;
+    number.getOpcUaDataValues();
+    text.getOpcUaDataValues();
+    texts.getOpcUaDataValues();
+    EXPECT_EQ(count(), 0);
+
+    // More strings than that need descriptors from the heap; without memory that is
+    // std::bad_alloc for the caller, not the end of the program.
+    texts.setValue0(std::vector<std::string>(20, std::string(40, 'y')));
+    bool refused = false;
+    exhausted = true;
+    try {
+        texts.getOpcUaDataValues();
+    } catch (const std::bad_alloc&) {
+        refused = true;
+    }
+    exhausted = false;
+    EXPECT_TRUE(refused);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #pragma once
 // A plain open62541 client, apart from the plug-in's: the tests read what reached a server,
-// write as a device would, and look at its address space with it. Synchronous, one thread.
+// write and call as a device or an engineer would, and look at its address space with it.
+// Synchronous, one thread.
 #include <cstdint>
 #include <cstring>
 #include <stdexcept>
@@ -14,23 +15,26 @@
 #include <open62541/plugin/log_stdout.h>
 #include <open62541/plugin/pki_default.h>
 
+#include <duvo/opcua/detail/binding/uaType.hpp>
 #include <m2Types/m2Types.hpp>
+#include <vesk/duvo/shared_vector.hpp>
 #include <vesk/duvo/sim/nodeLayout.hpp>
 #include <vesk/duvo/sim/ownedVariant.hpp>
 #include <vesk/duvo/sim/uaTypes.hpp>
 
 #include "support/securePki.hpp"
 
-namespace duvo::interop {
+namespace duvo::test {
 
 using vesk::duvo::sim::OwnedVariant;
+/// The OPC UA type that carries an element type, as the simulator declares it.
+using vesk::duvo::sim::uaTypeOf;
+/// The plug-in's mapping: the values the tests write with it check the servers against it.
+using vesk::duvo::opcua::detail::binding::UaTypeOf;
 
 inline UA_NodeId stringNode(const std::string& id) {
     return UA_NODEID_STRING(vesk::duvo::sim::nodeNamespace, const_cast<char*>(id.c_str()));
 }
-
-/// The OPC UA type that carries an element type, as the simulator declares it.
-using vesk::duvo::sim::uaTypeOf;
 
 /// The field value that an OPC UA value carries; throws when its type is not the field's.
 template <class T>
@@ -65,21 +69,81 @@ typename T::value_type valueOf(const UA_Variant& v) {
     }
 }
 
+template <class E>
+OwnedVariant scalar(const E& value) {
+    UA_Variant v;
+    UA_Variant_init(&v);
+    if constexpr (std::is_same_v<E, std::string>) {
+        UA_String s = vesk::duvo::opcua::detail::binding::borrowString(value);
+        UA_Variant_setScalarCopy(&v, &s, UaTypeOf<E>::type());
+    } else {
+        UA_Variant_setScalarCopy(&v, &value, UaTypeOf<E>::type());
+    }
+    return OwnedVariant::adopt(v);
+}
+
+template <class E>
+OwnedVariant array(const E* data, std::size_t n) {
+    UA_Variant v;
+    UA_Variant_init(&v);
+    UA_Variant_setArrayCopy(&v, data, n, UaTypeOf<E>::type());
+    return OwnedVariant::adopt(v);
+}
+
+inline OwnedVariant array(const std::vector<std::string>& values) {
+    std::vector<UA_String> borrowed;
+    for (const auto& s : values) borrowed.push_back(vesk::duvo::opcua::detail::binding::borrowString(s));
+    UA_Variant v;
+    UA_Variant_init(&v);
+    UA_Variant_setArrayCopy(&v, borrowed.data(), borrowed.size(), &UA_TYPES[UA_TYPES_STRING]);
+    return OwnedVariant::adopt(v);
+}
+
+/// The variant that carries a field value or a method argument of the module.
+template <class V>
+OwnedVariant variantOf(const V& value) {
+    if constexpr (std::is_same_v<V, std::vector<std::string>>)
+        return array(value);
+    else if constexpr (std::is_arithmetic_v<V> || std::is_same_v<V, std::string>)
+        return scalar(value);
+    else
+        return array(value.data(), value.size());
+}
+
+inline bool sameValue(const UA_Variant& a, const UA_Variant& b) {
+    return UA_equal(&a, &b, &UA_TYPES[UA_TYPES_VARIANT]);
+}
+
+struct CallResult {
+    UA_StatusCode status = UA_STATUSCODE_GOOD;
+    std::vector<OwnedVariant> outputs;
+};
+
 class RawClient {
 public:
-    /// secure: SignAndEncrypt with Basic256Sha256 as the test operator, any server certificate.
-    explicit RawClient(const std::string& endpoint, bool secure = false) : client_(newClient(secure)) {
-        check(UA_Client_connect(client_, endpoint.c_str()), "connect to " + endpoint);
+    /// Not connected yet; timeoutMs bounds every request. secure: SignAndEncrypt with
+    /// Basic256Sha256 as the test operator, any server certificate.
+    explicit RawClient(UA_UInt32 timeoutMs = 5000, bool secure = false) : client_(newClient(timeoutMs, secure)) {}
+    /// Connected, or throws why not.
+    explicit RawClient(const std::string& endpoint, bool secure = false) : RawClient(5000, secure) {
+        check(connect(endpoint), "connect to " + endpoint);
     }
     ~RawClient() {
+        // Disconnecting waits for a timer or 100 ms per round of the event loop; a close
+        // timer keeps test processes short.
+        UA_Client_addRepeatedCallback(
+            client_, [](UA_Client*, void*) {}, nullptr, 1.0, nullptr);
         UA_Client_disconnect(client_);
         UA_Client_delete(client_);
     }
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;
 
-    OwnedVariant read(const std::string& id) { return read(stringNode(id)); }
-    OwnedVariant read(const UA_NodeId& node) {
+    UA_StatusCode connect(const std::string& endpoint) const { return UA_Client_connect(client_, endpoint.c_str()); }
+    UA_Client* get() const { return client_; }
+
+    OwnedVariant read(const std::string& id) const { return read(stringNode(id)); }
+    OwnedVariant read(const UA_NodeId& node) const {
         UA_Variant v;
         UA_Variant_init(&v);
         check(UA_Client_readValueAttribute(client_, node, &v), "read " + text(node));
@@ -87,12 +151,26 @@ public:
     }
 
     /// The status of a write of the Value attribute.
-    UA_StatusCode write(const std::string& id, const UA_Variant& value) {
+    UA_StatusCode write(const std::string& id, const UA_Variant& value) const {
         return UA_Client_writeValueAttribute(client_, stringNode(id), &value);
+    }
+    UA_StatusCode write(const std::string& id, const OwnedVariant& value) const { return write(id, *value); }
+
+    CallResult call(const std::string& iface, const std::string& method, const std::vector<OwnedVariant>& args) const {
+        std::vector<UA_Variant> inputs;
+        for (const auto& a : args) inputs.push_back(*a); // shallow: the call only reads them
+        std::size_t outputSize = 0;
+        UA_Variant* outputs = nullptr;
+        CallResult result;
+        result.status = UA_Client_call(client_, stringNode(iface), stringNode(iface + "." + method), inputs.size(),
+                                       inputs.data(), &outputSize, &outputs);
+        for (std::size_t i = 0; i < outputSize; ++i) result.outputs.push_back(OwnedVariant::adopt(outputs[i]));
+        UA_Array_delete(outputs, outputSize, &UA_TYPES[UA_TYPES_VARIANT]);
+        return result;
     }
 
     /// One attribute as a data value, with the status the server gave it.
-    UA_DataValue readAttribute(const UA_NodeId& node, UA_AttributeId attribute) {
+    UA_DataValue readAttribute(const UA_NodeId& node, UA_AttributeId attribute) const {
         UA_ReadValueId id;
         UA_ReadValueId_init(&id);
         id.nodeId = node;
@@ -116,7 +194,7 @@ public:
     }
 
     /// The targets of the references of one type from a node, as text ("ns=1;s=...").
-    std::vector<std::string> browse(const UA_NodeId& node, std::uint32_t referenceType, bool inverse = false) {
+    std::vector<std::string> browse(const UA_NodeId& node, std::uint32_t referenceType, bool inverse = false) const {
         UA_BrowseDescription description;
         UA_BrowseDescription_init(&description);
         description.nodeId = node;
@@ -138,7 +216,7 @@ public:
     }
 
     /// The node that a property of a node has by browse name ("InputArguments").
-    UA_NodeId property(const UA_NodeId& node, const std::string& name) {
+    UA_NodeId property(const UA_NodeId& node, const std::string& name) const {
         UA_RelativePathElement element;
         UA_RelativePathElement_init(&element);
         element.referenceTypeId = UA_NODEID_NUMERIC(0, UA_NS0ID_HASPROPERTY);
@@ -170,15 +248,16 @@ public:
     }
 
 private:
-    // UA_Client_new() would log every socket at INFO: give the configuration a quiet logger first.
-    static UA_Client* newClient(bool secure) {
+    // UA_Client_new() would log every socket at INFO: give the configuration a quiet logger
+    // first. Failures reach the test as status codes or exceptions.
+    static UA_Client* newClient(UA_UInt32 timeoutMs, bool secure) {
         UA_ClientConfig config;
         std::memset(&config, 0, sizeof config);
-        config.logging = UA_Log_Stdout_new(UA_LOGLEVEL_ERROR);
+        config.logging = UA_Log_Stdout_new(UA_LOGLEVEL_FATAL);
         UA_ClientConfig_setDefault(&config);
-        config.timeout = 5000;
+        config.timeout = timeoutMs;
         if (secure) {
-            const auto& pki = duvo::test::securePki();
+            const auto& pki = securePki();
             std::string cert = vesk::duvo::pki::readFile(pki.client() + "/own/cert.der");
             std::string key = vesk::duvo::pki::readFile(pki.client() + "/own/key.der");
             check(UA_ClientConfig_setDefaultEncryption(&config, {cert.size(), (UA_Byte*)cert.data()},
@@ -205,4 +284,4 @@ private:
     UA_Client* client_;
 };
 
-} // namespace duvo::interop
+} // namespace duvo::test
