@@ -40,15 +40,6 @@ std::size_t threadCount() {
     return n;
 }
 
-double residentBytes() {
-    long pages = 0, resident = 0;
-    if (FILE* f = std::fopen("/proc/self/statm", "r")) {
-        if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-        std::fclose(f);
-    }
-    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE));
-}
-
 std::string authorityOf(const std::string& endpoint) {
     const std::string scheme = "opc.tcp://";
     return endpoint.compare(0, scheme.size(), scheme) == 0 ? endpoint.substr(scheme.size()) : endpoint;

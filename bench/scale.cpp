@@ -18,6 +18,7 @@
 #include <vesk/duvo/sim/nodeLayout.hpp>
 
 #include "rawClient.hpp"
+#include "stats.hpp"
 
 namespace duvo::bench {
 
@@ -28,15 +29,6 @@ using namespace std::chrono_literals;
 constexpr auto patience = 300s;
 const char* const variable = "M2Int32Value0";
 const std::string variableNode = vesk::duvo::sim::fieldNodeName(variable); // the raw node ids borrow it
-
-double residentBytes() {
-    long pages = 0, resident = 0;
-    if (FILE* f = std::fopen("/proc/self/statm", "r")) {
-        if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-        std::fclose(f);
-    }
-    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE));
-}
 
 double msSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 namespace duvo::bench {
 
 inline double percentile(std::vector<double> values, double p) {
@@ -18,6 +20,16 @@ inline double percentile(std::vector<double> values, double p) {
 }
 
 inline double median(const std::vector<double>& values) { return percentile(values, 0.5); }
+
+/// This process's resident memory, in bytes.
+inline double residentBytes() {
+    long pages = 0, resident = 0;
+    if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+        std::fclose(f);
+    }
+    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE));
+}
 
 /// One row of the table. Rates are better high; times and sizes better low. The ratio always
 /// reads "ours relative to raw, 1.0 = the same, higher = better for us".
