@@ -20,6 +20,7 @@
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -604,8 +605,16 @@ int benchMain(const Options& options) {
     Figure latencyTail{"subscribe_delivery_p99", "us", false, 0.0, {}, {}};
     std::vector<double> oursLatencies, rawLatencies;
     std::int32_t sequence = 0;
+    // Each subscription publishes once a millisecond: a write made just after the last delivery
+    // would fall at the same point of one side's cycle every time, and the figure would measure
+    // where the two cycles happen to lie. A random pause spreads the writes over the cycle.
+    std::mt19937 random(42);
+    auto anyPointOfTheCycle = [&] {
+        std::this_thread::sleep_for(std::chrono::microseconds(std::uniform_int_distribution<int>(0, 999)(random)));
+    };
     auto oursDelivery = [&]() -> double {
         const std::int32_t expected = ++sequence;
+        anyPointOfTheCycle();
         const auto start = Clock::now();
         server.writeInt32("M2Int32Value0", expected);
         std::vector<std::shared_ptr<vesk::duvo::ps::DataEvent<m2Types::M2Int32Value0>>> events;
@@ -619,6 +628,7 @@ int benchMain(const Options& options) {
     };
     auto rawDelivery = [&]() -> double {
         const std::int32_t expected = ++sequence;
+        anyPointOfTheCycle();
         const auto start = Clock::now();
         server.writeInt32("M2Int32Value0", expected);
         raw.runUntil([&] { return rawFresh && rawLast == expected; });
