@@ -87,8 +87,7 @@ EndpointsResult endpointsOurs(const std::vector<std::string>& authorities, vesk:
         while (!last.stop.load()) {
             try {
                 publishers.back()->publish(*samples.back(), 500ms);
-            } catch (const vesk::duvo::DuvoException&) {
-            }
+            } catch (const vesk::duvo::DuvoException&) {}
             std::this_thread::sleep_for(10ms);
         }
     });
