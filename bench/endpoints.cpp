@@ -40,15 +40,10 @@ std::size_t threadCount() {
     return n;
 }
 
-std::string authorityOf(const std::string& endpoint) {
-    const std::string scheme = "opc.tcp://";
-    return endpoint.compare(0, scheme.size(), scheme) == 0 ? endpoint.substr(scheme.size()) : endpoint;
-}
-
-EndpointsResult endpointsOurs(const std::vector<std::string>& authorities, vesk::duvo::sim::FaultProxy& lastProxy) {
+EndpointsResult endpointsOurs(const std::vector<std::string>& endpoints, vesk::duvo::sim::FaultProxy& lastProxy) {
     using Sample = m2Types::M2FloatValue0;
     using Watched = m2Types::M2Int32Value0;
-    const std::size_t count = authorities.size();
+    const std::size_t count = endpoints.size();
     EndpointsResult result;
     const std::size_t threadsBefore = threadCount();
     const double before = residentBytes();
@@ -58,11 +53,11 @@ EndpointsResult endpointsOurs(const std::vector<std::string>& authorities, vesk:
     std::vector<std::unique_ptr<vesk::duvo::ps::Publisher<Sample>>> publishers;
     std::vector<std::shared_ptr<Sample>> samples;
     std::vector<std::unique_ptr<vesk::duvo::ps::Subscriber<Watched>>> subscribers;
-    for (const std::string& authority : authorities) {
-        publishers.push_back(duvo->createPublisher<Sample>(vesk::duvo::sim::pubSubUri(authority, "M2FloatValue0")));
+    for (const std::string& endpoint : endpoints) {
+        publishers.push_back(duvo->createPublisher<Sample>(vesk::duvo::sim::pubSubUri(endpoint, "M2FloatValue0")));
         samples.push_back(publishers.back()->createDataEntity());
         samples.back()->setValue0(1.5f);
-        subscribers.push_back(duvo->createSubscriber<Watched>(vesk::duvo::sim::pubSubUri(authority, "M2Int32Value0")));
+        subscribers.push_back(duvo->createSubscriber<Watched>(vesk::duvo::sim::pubSubUri(endpoint, "M2Int32Value0")));
     }
     for (auto& subscriber : subscribers) {
         std::vector<std::shared_ptr<vesk::duvo::ps::DataEvent<Watched>>> events;
@@ -110,8 +105,8 @@ EndpointsResult endpointsOurs(const std::vector<std::string>& authorities, vesk:
     return result;
 }
 
-EndpointsResult endpointsRaw(const std::vector<std::string>& authorities) {
-    const std::size_t count = authorities.size();
+EndpointsResult endpointsRaw(const std::vector<std::string>& endpoints) {
+    const std::size_t count = endpoints.size();
     EndpointsResult result;
     const std::size_t threadsBefore = threadCount();
     const double before = residentBytes();
@@ -119,8 +114,8 @@ EndpointsResult endpointsRaw(const std::vector<std::string>& authorities) {
     const UA_NodeId node = UA_NODEID_STRING(vesk::duvo::sim::nodeNamespace, const_cast<char*>(variable.c_str()));
     std::vector<std::unique_ptr<RawClient>> clients;
     std::size_t firstValues = 0;
-    for (const std::string& authority : authorities) {
-        clients.push_back(std::make_unique<RawClient>("opc.tcp://" + authority));
+    for (const std::string& endpoint : endpoints) {
+        clients.push_back(std::make_unique<RawClient>(endpoint));
         UA_Client* client = clients.back()->get();
         UA_CreateSubscriptionRequest request = UA_CreateSubscriptionRequest_default();
         request.requestedPublishingInterval = 100; // as ours: at most 100 ms
@@ -154,10 +149,10 @@ int endpointsMain(const std::string& self, const std::string& kind, std::size_t 
         for (std::size_t i = 0; i < count; ++i) servers.push_back(std::make_unique<ServerProcess>(self));
         // Made before the counts start: the proxy's own thread is not the middleware's.
         vesk::duvo::sim::FaultProxy proxy(servers.back()->endpoint());
-        std::vector<std::string> authorities;
-        for (std::size_t i = 0; i + 1 < count; ++i) authorities.push_back(servers[i]->authority());
-        authorities.push_back(authorityOf(proxy.endpoint()));
-        const EndpointsResult r = kind == "ours" ? endpointsOurs(authorities, proxy) : endpointsRaw(authorities);
+        std::vector<std::string> endpoints;
+        for (std::size_t i = 0; i + 1 < count; ++i) endpoints.push_back(servers[i]->endpoint());
+        endpoints.push_back(proxy.endpoint());
+        const EndpointsResult r = kind == "ours" ? endpointsOurs(endpoints, proxy) : endpointsRaw(endpoints);
         std::printf("endpoints threads=%.0f bytes_per_endpoint=%.1f p99_healthy_us=%.1f p99_blackholed_us=%.1f\n",
                     r.threads, r.bytesPerEndpoint, r.p99HealthyUs, r.p99OneBlackholedUs);
         std::fflush(stdout);
